@@ -1,0 +1,67 @@
+# Helpers for our own targets: one place for warnings, visibility and the compilation of kernels.
+
+add_library(ostrel_warnings INTERFACE)
+target_compile_options(ostrel_warnings INTERFACE
+  $<$<COMPILE_LANGUAGE:CXX>:-Wall;-Wextra;-Wconversion;-Wshadow;-Werror>
+  $<$<COMPILE_LANGUAGE:CUDA>:-Xcompiler=-Wall,-Wextra,-Wshadow>)
+
+# A file with kernels: nvcc compiles it for cuda, the C++ compiler for host. Files of one target may hold
+# kernels of one name in anonymous namespaces, so they stay out of unity builds.
+function(ostrel_kernel_sources)
+  if(OSTREL_DEVICE STREQUAL "host")
+    set_source_files_properties(${ARGN} PROPERTIES LANGUAGE CXX COMPILE_OPTIONS "-xc++"
+      SKIP_UNITY_BUILD_INCLUSION ON)
+  else()
+    set_source_files_properties(${ARGN} PROPERTIES LANGUAGE CUDA)
+  endif()
+endfunction()
+
+# ostrel_add_library(name SOURCES ... [KERNELS ...] [LINK ...]): a folder under src/, a position-independent
+# static library with hidden symbols.
+function(ostrel_add_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;KERNELS;LINK" ${ARGN})
+  if(ARG_KERNELS)
+    ostrel_kernel_sources(${ARG_KERNELS})
+  endif()
+  add_library(${name} STATIC ${ARG_SOURCES} ${ARG_KERNELS})
+  set_target_properties(${name} PROPERTIES
+    CXX_VISIBILITY_PRESET hidden CUDA_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON)
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+  target_link_libraries(${name} PUBLIC ${ARG_LINK} PRIVATE ostrel_warnings)
+endfunction()
+
+# ostrel_add_standin(name SOURCES ... [KERNELS ...] [LINK ...]): a shared library under platform/ with
+# default visibility, so that a process has one registry, one set of counters and one set of fault hooks.
+function(ostrel_add_standin name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;KERNELS;LINK" ${ARGN})
+  if(ARG_KERNELS)
+    ostrel_kernel_sources(${ARG_KERNELS})
+  endif()
+  add_library(${name} SHARED ${ARG_SOURCES} ${ARG_KERNELS})
+  target_link_libraries(${name} PUBLIC ${ARG_LINK} PRIVATE ostrel_warnings)
+endfunction()
+
+# ostrel_add_test(name LABELS unit SOURCES ... LINK ... [BOTH_STREAM_MODES] [THREADED]): a GoogleTest program.
+# BOTH_STREAM_MODES registers it a second time with deferred streams; THREADED adds the label `threaded`,
+# which is what the thread sanitizer runs.
+function(ostrel_add_test name)
+  cmake_parse_arguments(ARG "BOTH_STREAM_MODES;THREADED" "" "SOURCES;LINK;LABELS;KERNELS" ${ARGN})
+  if(ARG_KERNELS)
+    ostrel_kernel_sources(${ARG_KERNELS})
+  endif()
+  add_executable(${name} ${ARG_SOURCES} ${ARG_KERNELS})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests ${PROJECT_SOURCE_DIR}/src)
+  target_compile_definitions(${name} PRIVATE OSTREL_TEST_DATA="${PROJECT_SOURCE_DIR}/tests/data")
+  target_link_libraries(${name} PRIVATE ${ARG_LINK} GTest::gmock GTest::gtest_main ostrel_warnings)
+  set(labels ${ARG_LABELS})
+  if(ARG_THREADED)
+    list(APPEND labels threaded)
+  endif()
+  add_test(NAME ${name} COMMAND ${name})
+  set_tests_properties(${name} PROPERTIES LABELS "${labels}" ENVIRONMENT "OSTREL_STREAM_MODE=eager")
+  if(ARG_BOTH_STREAM_MODES)
+    add_test(NAME ${name}_deferred COMMAND ${name})
+    set_tests_properties(${name}_deferred PROPERTIES LABELS "${labels};deferred"
+      ENVIRONMENT "OSTREL_STREAM_MODE=deferred")
+  endif()
+endfunction()
