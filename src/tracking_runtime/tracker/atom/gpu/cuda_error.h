@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cuda_runtime.h>
+
+#include <string>
+
+namespace ostrel_tracker::tracking_runtime::tracker::atom {
+
+/// True for cudaSuccess. Otherwise false, and a non-null `error` takes the label, ": " and the text of
+/// cudaGetErrorString. Every CUDA failure of the numerics reads this way. The runtime's own memory of the
+/// failure is cleared, so that a refused allocation does not pass for the failure of the next launch; an
+/// error that the device cannot recover from comes back at the next call.
+inline bool set_cuda_error(cudaError_t status, const char* label, std::string* error) {
+  if (status == cudaSuccess) return true;
+  static_cast<void>(cudaGetLastError());
+  if (error != nullptr) *error = std::string(label) + ": " + cudaGetErrorString(status);
+  return false;
+}
+
+/// False, with `text` in a non-null `error`: the failure of a call that never reached CUDA.
+inline bool refuse(const char* text, std::string* error) {
+  if (error != nullptr) *error = text;
+  return false;
+}
+
+namespace detail {
+
+/// The joint optimiser's name for the same text.
+inline bool set_cuda_error(cudaError_t status, const char* label, std::string* error) {
+  return atom::set_cuda_error(status, label, error);
+}
+
+}  // namespace detail
+}  // namespace ostrel_tracker::tracking_runtime::tracker::atom
