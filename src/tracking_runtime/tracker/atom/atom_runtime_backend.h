@@ -1,0 +1,28 @@
+#pragma once
+
+#include <memory>
+#include <opencv2/core.hpp>
+#include <string>
+
+#include "tracking_runtime/tracker/atom/native_cpp_backend.h"
+#include "tracking_runtime/tracker/base/bbox.h"
+
+namespace ostrel_tracker::tracking_runtime::tracker::atom {
+
+/// What the facade needs of a tracker. Operations return false with a word or a text; `status` and `error`
+/// may be null. Boxes are in frame pixels. The caller serialises all calls.
+class AtomRuntimeBackend {
+ public:
+  virtual ~AtomRuntimeBackend() = default;
+  virtual bool initialize(const cv::Mat& image, const cv::Rect_<int>& init_rect, std::string* error) = 0;
+  virtual bool track(const cv::Mat& image, base::BBox* bbox, float* score, std::string* status) = 0;
+  virtual bool track(const std::shared_ptr<optrix::OptrixPicture>& view, float scale_x, float scale_y,
+                     int frame_width, int frame_height, base::BBox* bbox, float* score,
+                     std::string* status) = 0;
+  virtual bool teleport(const base::BBox& expected, base::BBox* bbox, std::string* status) = 0;
+  virtual bool zoomChanged(float scale_factor, base::BBox* bbox, std::string* status) = 0;
+  virtual bool updateConfig(NativeCppBackend::Config* config, std::string* status) = 0;
+  virtual const char* name() const = 0;
+};
+
+}  // namespace ostrel_tracker::tracking_runtime::tracker::atom

@@ -1,0 +1,127 @@
+#pragma once
+
+#include <atomic>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <opencv2/core.hpp>
+#include <string>
+#include <vector>
+
+#include "tracking_runtime/tracker/atom/atom_runtime_backend.h"
+#include "tracking_runtime/tracker/atom/classifier_state.h"
+#include "tracking_runtime/tracker/atom/feature_map.h"
+#include "tracking_runtime/tracker/atom/gpu/trt_backbone.h"
+#include "tracking_runtime/tracker/atom/init_timings.h"
+#include "tracking_runtime/tracker/atom/native_cpp_backend.h"
+#include "tracking_runtime/tracker/atom/reference_trace_writer.h"
+#include "tracking_runtime/tracker/atom/sample_memory.h"
+#include "tracking_runtime/tracker/atom/target_state.h"
+
+namespace optrix {
+class TensorBatch;
+}
+
+namespace ostrel_tracker::tracking_runtime::tracker::atom {
+
+class CudaFilterTrainer;
+struct AugmentedSet;
+struct FrameCandidates;
+struct FrameOutcome;
+
+/// The tracker: backbone engine, learned projection, a small filter trained online, multi-scale search.
+///
+/// Threads: one thread tracks and starts (the caller serialises), and at most one training job runs beside it.
+/// `state_mutex` guards `memory` and the filter of `weights` and is held for copies and swaps only;
+/// `filter_trainer_mutex` serialises the trainer. A job never holds both.
+class CudaRuntimeBackend final : public AtomRuntimeBackend, private TargetState {
+ public:
+  explicit CudaRuntimeBackend(NativeCppBackend::Config initial_config);
+  /// Waits for a running training job before any GPU object goes.
+  ~CudaRuntimeBackend() override;
+  CudaRuntimeBackend(const CudaRuntimeBackend&) = delete;
+  CudaRuntimeBackend& operator=(const CudaRuntimeBackend&) = delete;
+
+  bool initialize(const cv::Mat& image, const cv::Rect_<int>& init_rect, std::string* error) override;
+  bool track(const cv::Mat& image, base::BBox* bbox, float* score, std::string* status) override;
+  bool track(const std::shared_ptr<optrix::OptrixPicture>& view, float scale_x, float scale_y, int frame_width,
+             int frame_height, base::BBox* bbox, float* score, std::string* status) override;
+  bool teleport(const base::BBox& expected, base::BBox* bbox, std::string* status) override;
+  bool zoomChanged(float scale_factor, base::BBox* bbox, std::string* status) override;
+  bool updateConfig(NativeCppBackend::Config* new_config, std::string* status) override;
+  const char* name() const override { return "cuda"; }
+
+ private:
+  friend struct CudaRuntimeBackendTestAccess;
+
+  // cuda_runtime_backend.cpp
+  std::string not_implemented_error_(const char* stage) const;
+
+  // gpu/cuda_runtime_backend_trt*.cpp: the engine, its workers and the forward paths.
+  bool initialize_runtime_(std::string* error);
+  bool init_trt_backbone_(const std::string& engine_path, std::string* error);
+  bool upload_trt_input_patches_(TrtBackbone* worker, const std::vector<cv::Mat>& patches, std::string* error);
+  FeatureMap run_trt_forward_(const cv::Mat& patch, std::string* error);
+  FeatureMap run_trt_forward_batched_(const std::vector<cv::Mat>& patches, std::string* error);
+
+  // gpu/cuda_runtime_backend_trt_classify.cpp: responses without a trip of the features through the host.
+  bool classify_tensor_batch_on_gpu_(const optrix::TensorBatch& batch, std::vector<cv::Mat>* responses,
+                                     std::vector<FeatureMap>* features, GpuTrackTimings* timings,
+                                     std::string* error);
+  bool classify_patches_on_gpu_(const std::vector<cv::Mat>& patches, std::vector<cv::Mat>* responses,
+                                std::vector<FeatureMap>* features, GpuTrackTimings* timings,
+                                std::string* error);
+
+  // cuda_runtime_backend_features.cpp: host features, projection and first weights, labels.
+  bool extract_feature_map_(const cv::Mat& patch, FeatureMap* out, std::string* error);
+  std::vector<FeatureMap> extract_feature_maps_batched_(const std::vector<cv::Mat>& patches);
+  FeatureMap project_feature_(const FeatureMap& feature) const;
+  bool init_projection_matrix_(const FeatureMap& feature);
+  bool init_projection_matrix_(int channels, int height, int width, const FeatureMap* feature_or_null);
+  bool init_filter_weights_(const FeatureMap& feature, const cv::Rect_<float>& rect);
+  bool init_filter_weights_(int channels, int height, int width, const cv::Rect_<float>& rect);
+  LabelMap build_label_for_sample_(int height, int width, const cv::Point_<float>& sample_pos,
+                                   float sample_scale) const;
+  LabelMap build_label_for_sample_(const FeatureMap& feature, const cv::Point_<float>& sample_pos,
+                                   float sample_scale) const;
+  cv::Mat classify_feature_(const FeatureMap& feature) const;
+  cv::Mat upsample_response_fft_(const cv::Mat& response) const;
+
+  // cuda_runtime_backend_training.cpp: the sample memory under its lock, and the training jobs.
+  bool batch_init_memory_(const std::vector<FeatureMap>& features, const std::vector<LabelMap>& labels);
+  bool store_training_sample_(const FeatureMap& feature, const LabelMap& label, float learning_rate);
+  void train_filter_async_(int iterations, int sample_cap, const char* reason, int frame);
+  bool train_filter_from_memory_(int iterations, int sample_cap, int* selected_out, int* stored_out);
+  bool train_filter_from_device_batch_(const float* device_features, cudaStream_t stream,
+                                       const std::vector<LabelMap>& labels, int sample_count, int channels,
+                                       int height, int width, int iterations, std::string* error);
+
+  // cuda_runtime_backend_init*.cpp: a frame and a box become a running tracker.
+  bool finalize_init_training_(const std::vector<FeatureMap>& features, const std::vector<LabelMap>& labels,
+                               int iterations, bool skip_filter_training, InitTimings* timings,
+                               std::string* error);
+  void log_init_ready_(const cv::Rect_<int>& box, const cv::Size_<int>& frame_size,
+                       const InitTimings& timings);
+
+  // cuda_runtime_backend_track.cpp, cuda_runtime_backend_track_view.cpp
+  bool track_view_(const std::shared_ptr<optrix::OptrixPicture>& view, float scale_x, float scale_y,
+                   int frame_width, int frame_height, base::BBox* bbox, float* score, std::string* status);
+
+  std::unique_ptr<ReferenceTraceWriter> trace_writer;
+
+  ClassifierState weights;
+  SampleMemory memory;
+  mutable std::mutex state_mutex;
+
+  // Order of destruction, last first: the future blocks until its job has ended, so it goes first.
+  std::unique_ptr<TrtBackbone> trt;
+  std::vector<std::unique_ptr<TrtBackbone>> trt_workers;
+  std::mutex filter_trainer_mutex;
+  std::unique_ptr<CudaFilterTrainer> filter_trainer;
+  std::atomic<bool> training_in_flight{false};
+  std::atomic<int> training_job_counter{0};
+  std::atomic<int> active_training_job{0};
+  std::future<void> training_future;
+};
+
+}  // namespace ostrel_tracker::tracking_runtime::tracker::atom
