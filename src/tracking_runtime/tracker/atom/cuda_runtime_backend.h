@@ -19,20 +19,21 @@
 #include "tracking_runtime/tracker/atom/target_state.h"
 
 namespace optrix {
-class TensorBatch;
+struct TensorBatch;
 }
 
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
 
 class CudaFilterTrainer;
-struct AugmentedSet;
-struct FrameCandidates;
-struct FrameOutcome;
+struct Candidate;
+struct FrameDecision;
+struct FramePath;
+struct FrameTimings;
 
 /// The tracker: backbone engine, learned projection, a small filter trained online, multi-scale search.
 ///
-/// Threads: one thread tracks and starts (the caller serialises), and at most one training job runs beside it.
-/// `state_mutex` guards `memory` and the filter of `weights` and is held for copies and swaps only;
+/// Threads: one thread tracks and starts (the caller serialises), and at most one training job runs beside
+/// it. `state_mutex` guards `memory` and the filter of `weights` and is held for copies and swaps only;
 /// `filter_trainer_mutex` serialises the trainer. A job never holds both.
 class CudaRuntimeBackend final : public AtomRuntimeBackend, private TargetState {
  public:
@@ -44,8 +45,8 @@ class CudaRuntimeBackend final : public AtomRuntimeBackend, private TargetState 
 
   bool initialize(const cv::Mat& image, const cv::Rect_<int>& init_rect, std::string* error) override;
   bool track(const cv::Mat& image, base::BBox* bbox, float* score, std::string* status) override;
-  bool track(const std::shared_ptr<optrix::OptrixPicture>& view, float scale_x, float scale_y, int frame_width,
-             int frame_height, base::BBox* bbox, float* score, std::string* status) override;
+  bool track(const std::shared_ptr<optrix::OptrixPicture>& view, float scale_x, float scale_y,
+             int frame_width, int frame_height, base::BBox* bbox, float* score, std::string* status) override;
   bool teleport(const base::BBox& expected, base::BBox* bbox, std::string* status) override;
   bool zoomChanged(float scale_factor, base::BBox* bbox, std::string* status) override;
   bool updateConfig(NativeCppBackend::Config* new_config, std::string* status) override;
@@ -60,7 +61,8 @@ class CudaRuntimeBackend final : public AtomRuntimeBackend, private TargetState 
   // gpu/cuda_runtime_backend_trt*.cpp: the engine, its workers and the forward paths.
   bool initialize_runtime_(std::string* error);
   bool init_trt_backbone_(const std::string& engine_path, std::string* error);
-  bool upload_trt_input_patches_(TrtBackbone* worker, const std::vector<cv::Mat>& patches, std::string* error);
+  bool upload_trt_input_patches_(TrtBackbone* worker, const std::vector<cv::Mat>& patches,
+                                 std::string* error);
   FeatureMap run_trt_forward_(const cv::Mat& patch, std::string* error);
   FeatureMap run_trt_forward_batched_(const std::vector<cv::Mat>& patches, std::string* error);
 
@@ -103,9 +105,22 @@ class CudaRuntimeBackend final : public AtomRuntimeBackend, private TargetState 
   void log_init_ready_(const cv::Rect_<int>& box, const cv::Size_<int>& frame_size,
                        const InitTimings& timings);
 
-  // cuda_runtime_backend_track.cpp, cuda_runtime_backend_track_view.cpp
+  // cuda_runtime_backend_track.cpp, cuda_runtime_backend_track_view.cpp: the two pixel sources.
+  const char* refuse_untracked_(const base::BBox* bbox, const float* score) const;
+  bool classifier_filter_missing_() const;
+  std::vector<Candidate> candidates_on_gpu_(const std::vector<float>& scales, std::vector<cv::Mat>* patches,
+                                            const std::vector<cv::Mat>& responses,
+                                            std::vector<FeatureMap>* features, FrameTimings* timings) const;
+  std::vector<Candidate> candidates_on_host_(const std::vector<float>& scales, std::vector<cv::Mat>* patches,
+                                             FrameTimings* timings);
   bool track_view_(const std::shared_ptr<optrix::OptrixPicture>& view, float scale_x, float scale_y,
                    int frame_width, int frame_height, base::BBox* bbox, float* score, std::string* status);
+
+  // cuda_runtime_backend_frame.cpp: from candidates to the answer, for both sources.
+  bool finish_frame_(std::vector<Candidate>* candidates, const FramePath& path, FrameTimings* timings,
+                     base::BBox* bbox, float* score, std::string* status);
+  void learn_from_frame_(const FrameDecision& decision, const Candidate& best, FrameTimings* timings);
+  void trace_frame_(const FrameDecision& decision, const FramePath& path);
 
   std::unique_ptr<ReferenceTraceWriter> trace_writer;
 
