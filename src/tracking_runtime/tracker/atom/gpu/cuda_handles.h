@@ -57,7 +57,7 @@ template <typename T, typename Memory>
 class CudaBuffer {
  public:
   CudaBuffer() = default;
-  ~CudaBuffer() { note_release(reset(), Memory::kReleaseCall); }
+  ~CudaBuffer() { release(); }
   CudaBuffer(CudaBuffer&& other) noexcept
       : data_(std::exchange(other.data_, nullptr)), bytes_(std::exchange(other.bytes_, 0)) {}
   CudaBuffer& operator=(CudaBuffer&& other) noexcept {
@@ -93,6 +93,9 @@ class CudaBuffer {
     bytes_ = bytes_for(count);
     return cudaSuccess;
   }
+
+  /// Frees the memory as the destructor does, for owners whose order of release is not that of their fields.
+  void release() noexcept { note_release(reset(), Memory::kReleaseCall); }
 
   /// Frees the memory; the buffer is empty afterwards, whatever the status.
   cudaError_t reset() noexcept {
@@ -142,7 +145,7 @@ bool ensure_group(std::string* error, GroupMember<Buffers>... members) {
 class CudaStream {
  public:
   CudaStream() = default;
-  ~CudaStream() { note_release(reset(), "cudaStreamDestroy"); }
+  ~CudaStream() { release(); }
   CudaStream(CudaStream&& other) noexcept : stream_(std::exchange(other.stream_, nullptr)) {}
   CudaStream& operator=(CudaStream&& other) noexcept {
     std::swap(stream_, other.stream_);
@@ -164,6 +167,8 @@ class CudaStream {
     return released != cudaSuccess ? released : cudaStreamCreateWithPriority(&stream_, flags, priority);
   }
 
+  void release() noexcept { note_release(reset(), "cudaStreamDestroy"); }
+
   /// Destroys the stream; work that is queued on it still runs.
   cudaError_t reset() noexcept {
     cudaStream_t const stream = std::exchange(stream_, nullptr);
@@ -178,7 +183,7 @@ class CudaStream {
 class CudaEvent {
  public:
   CudaEvent() = default;
-  ~CudaEvent() { note_release(reset(), "cudaEventDestroy"); }
+  ~CudaEvent() { release(); }
   CudaEvent(CudaEvent&& other) noexcept : event_(std::exchange(other.event_, nullptr)) {}
   CudaEvent& operator=(CudaEvent&& other) noexcept {
     std::swap(event_, other.event_);
@@ -200,6 +205,8 @@ class CudaEvent {
     return released != cudaSuccess ? released : cudaEventCreateWithFlags(&event_, flags);
   }
 
+  void release() noexcept { note_release(reset(), "cudaEventDestroy"); }
+
   /// Destroys the event; a recording that is pending still completes.
   cudaError_t reset() noexcept {
     cudaEvent_t const event = std::exchange(event_, nullptr);
@@ -209,5 +216,11 @@ class CudaEvent {
  private:
   cudaEvent_t event_ = nullptr;
 };
+
+/// Releases owners in the order given.
+template <typename... Owners>
+void release_in_order(Owners&... owners) noexcept {
+  (owners.release(), ...);
+}
 
 }  // namespace ostrel_tracker::tracking_runtime::tracker::atom
