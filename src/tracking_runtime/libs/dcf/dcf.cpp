@@ -1,0 +1,30 @@
+#include "tracking_runtime/libs/dcf/dcf.h"
+
+#include <cmath>
+#include <vector>
+
+#include "tracking_runtime/libs/dcf/gauss_spatial.h"
+
+namespace ostrel_tracker::tracking_runtime::libs::dcf {
+
+cv::Mat gauss_spatial(int size, float sigma, float center, int end_pad) {
+  const float extent = static_cast<float>(size);
+  const float limit = (extent + 1.0F) * 0.5F + static_cast<float>(end_pad);
+  const float gain = -1.0F / (2.0F * sigma * sigma);
+  std::vector<float> values;
+  for (float k = -(extent - 1.0F) * 0.5F; k < limit; k += 1.0F) {
+    values.push_back(std::exp((k - center) * (k - center) * gain));
+  }
+  if (values.empty()) return cv::Mat(1, 0, CV_32F);
+  return cv::Mat(values, true).reshape(1, 1);
+}
+
+cv::Mat label_function_spatial(const SizeYX& size, const cv::Vec<float, 2>& sigma,
+                               const cv::Vec<float, 2>& center, const cv::Vec<int, 2>& end_pad) {
+  const cv::Mat column = gauss_spatial(size.height, sigma[0], center[0], end_pad[0]).t();
+  const cv::Mat row = gauss_spatial(size.width, sigma[1], center[1], end_pad[1]);
+  if (column.empty() || row.empty()) return {};
+  return column * row;
+}
+
+}  // namespace ostrel_tracker::tracking_runtime::libs::dcf

@@ -1,0 +1,64 @@
+#include <algorithm>
+#include <cmath>
+
+#include "tracking_runtime/tracker/atom/response_analysis.h"
+
+namespace ostrel_tracker::tracking_runtime::tracker::atom {
+namespace {
+
+constexpr float kPi = 3.1415927F;
+
+/// Phase per index of frequency along one axis: by the shift theorem a circular shift by
+/// (size - filter_size mod 2) / 2 cells, which takes zero displacement from the middle to the corner.
+float phase_step(int filter_size, int map_size) {
+  const float parity = static_cast<float>(filter_size % 2);
+  return (1.0F - (map_size > 1 ? parity / static_cast<float>(map_size) : parity)) * kPi;
+}
+
+/// Where a frequency of the small spectrum, counted with frequency zero near the middle, lies in the large
+/// one with frequency zero in the corner: placed around the middle and rolled by half the size.
+int spread_index(int index, int map_size, int search_size) {
+  return ((search_size - map_size) / 2 + index + (search_size + 1) / 2) % search_size;
+}
+
+/// Multiplies each frequency by its phase and writes it straight to its place in the large spectrum.
+cv::Mat spread_spectrum(const cv::Mat& centred, float row_step, float column_step, int search_size) {
+  cv::Mat spread = cv::Mat::zeros(search_size, search_size, CV_32FC2);
+  for (int r = 0; r < centred.rows; ++r) {
+    const cv::Vec2f* source = centred.ptr<cv::Vec2f>(r);
+    cv::Vec2f* target = spread.ptr<cv::Vec2f>(spread_index(r, centred.rows, search_size));
+    const float u = static_cast<float>(r - centred.rows / 2);
+    for (int c = 0; c < centred.cols; ++c) {
+      const float v = static_cast<float>(c - centred.cols / 2);
+      const float angle = column_step * v + row_step * u;
+      const float cosine = std::cos(angle);
+      const float sine = std::sin(angle);
+      const cv::Vec2f value = source[c];
+      target[spread_index(c, centred.cols, search_size)] = {value[0] * cosine - value[1] * sine,
+                                                            value[0] * sine + value[1] * cosine};
+    }
+  }
+  return spread;
+}
+
+}  // namespace
+
+cv::Mat upsample_response_fft(const cv::Mat& response, int filter_height, int filter_width, int search_size) {
+  const int side = std::max(search_size, 1);
+  if (response.empty() || response.channels() != 1) return {};
+  if (response.rows > side || response.cols > side) return {};
+
+  cv::Mat map;
+  response.convertTo(map, CV_32F);
+  cv::Mat spectrum;
+  cv::dft(map, spectrum, cv::DFT_COMPLEX_OUTPUT);
+  const cv::Mat centred = roll_mat(spectrum, map.rows / 2, map.cols / 2);
+  const cv::Mat spread =
+      spread_spectrum(centred, phase_step(filter_height, map.rows), phase_step(filter_width, map.cols), side);
+  // The spectrum is not conjugate symmetric, so the values depend on how this transform folds it to reals.
+  cv::Mat upsampled;
+  cv::idft(spread, upsampled, cv::DFT_REAL_OUTPUT);
+  return upsampled;
+}
+
+}  // namespace ostrel_tracker::tracking_runtime::tracker::atom
