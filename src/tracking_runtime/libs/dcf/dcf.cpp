@@ -21,10 +21,10 @@ cv::Mat gauss_spatial(int size, float sigma, float center, int end_pad) {
 
 cv::Mat label_function_spatial(const SizeYX& size, const cv::Vec<float, 2>& sigma,
                                const cv::Vec<float, 2>& center, const cv::Vec<int, 2>& end_pad) {
-  const cv::Mat column = gauss_spatial(size.height, sigma[0], center[0], end_pad[0]).t();
-  const cv::Mat row = gauss_spatial(size.width, sigma[1], center[1], end_pad[1]);
-  if (column.empty() || row.empty()) return {};
-  return column * row;
+  const cv::Mat rows = gauss_spatial(size.height, sigma[0], center[0], end_pad[0]);
+  const cv::Mat columns = gauss_spatial(size.width, sigma[1], center[1], end_pad[1]);
+  if (rows.empty() || columns.empty()) return cv::Mat(rows.cols, columns.cols, CV_32F);
+  return rows.t() * columns;
 }
 
 }  // namespace ostrel_tracker::tracking_runtime::libs::dcf

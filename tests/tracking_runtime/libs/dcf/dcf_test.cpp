@@ -70,8 +70,8 @@ TEST(LabelFunctionSpatial, MatchesGoldenMaps) {
 }
 
 TEST(LabelFunctionSpatial, IsEmptyWithoutCells) {
-  EXPECT_TRUE(label_function_spatial(SizeYX(3, 4), {1.0F, 1.0F}, {0.0F, 0.0F}, {-3, 0}).empty());
-  EXPECT_TRUE(label_function_spatial(SizeYX(3, 4), {1.0F, 1.0F}, {0.0F, 0.0F}, {0, -4}).empty());
+  EXPECT_EQ(label_function_spatial(SizeYX(3, 4), {1.0F, 1.0F}, {0.0F, 0.0F}, {-3, 0}).size(), cv::Size(4, 0));
+  EXPECT_EQ(label_function_spatial(SizeYX(3, 4), {1.0F, 1.0F}, {0.0F, 0.0F}, {0, -4}).size(), cv::Size(0, 3));
 }
 
 }  // namespace
