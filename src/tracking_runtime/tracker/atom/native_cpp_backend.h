@@ -95,8 +95,8 @@ class NativeCppBackend {
 
   bool initialize(const cv::Mat& image, const cv::Rect_<int>& init_rect, std::string* error);
   bool track(const cv::Mat& image, base::BBox* bbox, float* score, std::string* status);
-  bool track(const std::shared_ptr<optrix::OptrixPicture>& view, float scale_x, float scale_y, int frame_width,
-             int frame_height, base::BBox* bbox, float* score, std::string* status);
+  bool track(const std::shared_ptr<optrix::OptrixPicture>& view, float scale_x, float scale_y,
+             int frame_width, int frame_height, base::BBox* bbox, float* score, std::string* status);
   bool teleport(const base::BBox& expected, base::BBox* bbox, std::string* status);
   bool zoomChanged(float scale_factor, base::BBox* bbox, std::string* status);
   bool updateConfig(Config config, std::string* status);

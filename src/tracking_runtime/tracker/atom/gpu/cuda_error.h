@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "tracking_runtime/tracker/atom/refuse.h"
+
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
 
 /// True for cudaSuccess. Otherwise false, and a non-null `error` takes the label, ": " and the text of
@@ -14,12 +16,6 @@ inline bool set_cuda_error(cudaError_t status, const char* label, std::string* e
   if (status == cudaSuccess) return true;
   static_cast<void>(cudaGetLastError());
   if (error != nullptr) *error = std::string(label) + ": " + cudaGetErrorString(status);
-  return false;
-}
-
-/// False, with `text` in a non-null `error`: the failure of a call that never reached CUDA.
-inline bool refuse(const char* text, std::string* error) {
-  if (error != nullptr) *error = text;
   return false;
 }
 

@@ -1,0 +1,48 @@
+#include "tracking_runtime/tracker/atom/frame_rect.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "tracking_runtime/tracker/atom/rounding.h"
+
+namespace ostrel_tracker::tracking_runtime::tracker::atom {
+namespace {
+
+// The lower bound comes first: it answers for a value that is not a number.
+template <typename T>
+T held(T value, T low, T high) {
+  return std::min(std::max(low, value), high);
+}
+
+// The corner of a box side that fits, given that its size is at most that of the frame.
+int whole_corner(float corner, int size, int frame) {
+  return held(round_to_int(corner), 0, frame - size);
+}
+
+}  // namespace
+
+base::BBox clamp_bbox(const base::BBox& box, const cv::Size_<int>& frame_size) {
+  const auto frame_width = static_cast<float>(std::max(frame_size.width, 1));
+  const auto frame_height = static_cast<float>(std::max(frame_size.height, 1));
+  base::BBox clamped;
+  clamped.width = held(box.width, 1.0F, frame_width);
+  clamped.height = held(box.height, 1.0F, frame_height);
+  clamped.x = held(box.x, 0.0F, std::max(frame_width - clamped.width, 0.0F));
+  clamped.y = held(box.y, 0.0F, std::max(frame_height - clamped.height, 0.0F));
+  return clamped;
+}
+
+cv::Rect_<int> rounded_rect_in_frame(const base::BBox& box, const cv::Size_<int>& frame_size) {
+  const int frame_width = std::max(frame_size.width, 1);
+  const int frame_height = std::max(frame_size.height, 1);
+  const int width = held(round_to_int(box.width), 1, frame_width);
+  const int height = held(round_to_int(box.height), 1, frame_height);
+  return {whole_corner(box.x, width, frame_width), whole_corner(box.y, height, frame_height), width, height};
+}
+
+bool is_usable_box(const base::BBox& box) {
+  return std::isfinite(box.x) && std::isfinite(box.y) && std::isfinite(box.width) &&
+         std::isfinite(box.height) && box.width > 1.0F && box.height > 1.0F;
+}
+
+}  // namespace ostrel_tracker::tracking_runtime::tracker::atom
