@@ -6,7 +6,7 @@
 #include "tracking_runtime/tracker/atom/frame_candidate.h"
 #include "tracking_runtime/tracker/atom/frame_decision.h"
 #include "tracking_runtime/tracker/atom/frame_timings.h"
-#include "tracking_runtime/tracker/atom/gpu/cuda_error.h"
+#include "tracking_runtime/tracker/atom/refuse.h"
 #include "tracking_runtime/tracker/atom/square_patch.h"
 
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
