@@ -12,6 +12,7 @@
 #include "tracking_runtime/tracker/atom/classifier_state.h"
 #include "tracking_runtime/tracker/atom/feature_map.h"
 #include "tracking_runtime/tracker/atom/gpu/trt_backbone.h"
+#include "tracking_runtime/tracker/atom/gpu/trt_classify.h"
 #include "tracking_runtime/tracker/atom/init_timings.h"
 #include "tracking_runtime/tracker/atom/native_cpp_backend.h"
 #include "tracking_runtime/tracker/atom/reference_trace_writer.h"
@@ -74,9 +75,11 @@ class CudaRuntimeBackend final : public AtomRuntimeBackend, private TargetState 
                                 std::vector<FeatureMap>* features, GpuTrackTimings* timings,
                                 std::string* error);
 
-  // cuda_runtime_backend_features.cpp: host features, projection and first weights, labels.
+  // cuda_runtime_backend_extract.cpp: patches become host features.
   bool extract_feature_map_(const cv::Mat& patch, FeatureMap* out, std::string* error);
   std::vector<FeatureMap> extract_feature_maps_batched_(const std::vector<cv::Mat>& patches);
+
+  // cuda_runtime_backend_features.cpp: projection and first weights, labels.
   FeatureMap project_feature_(const FeatureMap& feature) const;
   bool init_projection_matrix_(const FeatureMap& feature);
   bool init_projection_matrix_(int channels, int height, int width, const FeatureMap* feature_or_null);
@@ -131,6 +134,7 @@ class CudaRuntimeBackend final : public AtomRuntimeBackend, private TargetState 
   // Order of destruction, last first: the future blocks until its job has ended, so it goes first.
   std::unique_ptr<TrtBackbone> trt;
   std::vector<std::unique_ptr<TrtBackbone>> trt_workers;
+  ClassifyScratch classify_scratch;
   std::mutex filter_trainer_mutex;
   std::unique_ptr<CudaFilterTrainer> filter_trainer;
   std::atomic<bool> training_in_flight{false};

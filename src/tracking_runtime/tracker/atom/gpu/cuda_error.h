@@ -3,6 +3,7 @@
 #include <cuda_runtime.h>
 
 #include <string>
+#include <string_view>
 
 #include "tracking_runtime/tracker/atom/refuse.h"
 
@@ -17,6 +18,14 @@ inline bool set_cuda_error(cudaError_t status, const char* label, std::string* e
   static_cast<void>(cudaGetLastError());
   if (error != nullptr) *error = std::string(label) + ": " + cudaGetErrorString(status);
   return false;
+}
+
+/// True for cudaSuccess. Otherwise false, with `text` alone in a non-null `error`, and the runtime's memory of
+/// the failure cleared: the failure of a CUDA call whose words name no CUDA status.
+inline bool require_cuda(cudaError_t status, std::string_view text, std::string* error) {
+  if (status == cudaSuccess) return true;
+  static_cast<void>(cudaGetLastError());
+  return refuse(text, error);
 }
 
 namespace detail {
