@@ -1,6 +1,7 @@
 // A picture's pixels in device memory.
 #pragma once
 
+#include <cuda_runtime.h>
 #include <optrix/optrix_picture.h>
 
 #include <cstdint>
@@ -19,7 +20,7 @@ struct PicturePixels {
   std::shared_ptr<PooledBlock> block;
 };
 
-inline int chroma_extent(int luma_extent) {
+__host__ __device__ inline int chroma_extent(int luma_extent) {
   return luma_extent / 2 + luma_extent % 2;
 }
 
