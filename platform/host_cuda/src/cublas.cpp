@@ -3,7 +3,6 @@
 #include <oneapi/dnnl/dnnl.h>
 
 #include <algorithm>
-#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -92,21 +91,6 @@ struct Product {
 
   void multiply(int index) const {
     float* target = const_cast<float*>(c.data) + c.stride * index;
-    if (k == 0) {
-      scale(target);
-    } else {
-      add_product(target, index);
-    }
-  }
-
-  void scale(float* target) const {
-    for (int column = 0; column < n; ++column) {
-      float* first = target + static_cast<std::ptrdiff_t>(c.leading) * column;
-      for (int row = 0; row < m; ++row) first[row] = beta == 0.0F ? 0.0F : beta * first[row];
-    }
-  }
-
-  void add_product(float* target, int index) const {
     const int previous = omp_get_max_threads();
     omp_set_num_threads(1);
     const dnnl_status_t status = dnnl_sgemm(transpose_b ? 'T' : 'N', transpose_a ? 'T' : 'N', n, m, k, alpha,
@@ -198,25 +182,25 @@ cublasStatus_t cublasSgemmStridedBatched(cublasHandle_t handle, cublasOperation_
 const char* cublasGetStatusString(cublasStatus_t status) {
   switch (status) {
     case CUBLAS_STATUS_SUCCESS:
-      return "success";
+      return "CUBLAS_STATUS_SUCCESS";
     case CUBLAS_STATUS_NOT_INITIALIZED:
-      return "the library was not initialized";
+      return "CUBLAS_STATUS_NOT_INITIALIZED";
     case CUBLAS_STATUS_ALLOC_FAILED:
-      return "the resource allocation failed";
+      return "CUBLAS_STATUS_ALLOC_FAILED";
     case CUBLAS_STATUS_INVALID_VALUE:
-      return "an unsupported value or parameter was passed to the function";
+      return "CUBLAS_STATUS_INVALID_VALUE";
     case CUBLAS_STATUS_ARCH_MISMATCH:
-      return "the function requires an architectural feature absent from the device";
+      return "CUBLAS_STATUS_ARCH_MISMATCH";
     case CUBLAS_STATUS_MAPPING_ERROR:
-      return "an access to GPU memory space failed";
+      return "CUBLAS_STATUS_MAPPING_ERROR";
     case CUBLAS_STATUS_EXECUTION_FAILED:
-      return "the function failed to launch on the GPU";
+      return "CUBLAS_STATUS_EXECUTION_FAILED";
     case CUBLAS_STATUS_INTERNAL_ERROR:
-      return "an internal operation failed";
+      return "CUBLAS_STATUS_INTERNAL_ERROR";
     case CUBLAS_STATUS_NOT_SUPPORTED:
-      return "the requested functionality is not supported";
+      return "CUBLAS_STATUS_NOT_SUPPORTED";
     case CUBLAS_STATUS_LICENSE_ERROR:
-      return "the license check failed";
+      return "CUBLAS_STATUS_LICENSE_ERROR";
   }
-  return "unrecognized status";
+  return "CUBLAS_STATUS_UNKNOWN";
 }

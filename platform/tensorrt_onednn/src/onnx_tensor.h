@@ -1,0 +1,13 @@
+// Constants of an ONNX model.
+#pragma once
+
+#include <onnx/onnx_pb.h>
+
+#include "graph.h"
+
+namespace ostrel::tensorrt_onednn {
+
+// Throws ModelError for another element type than FLOAT or INT64, data outside the model, or a wrong count.
+Value read_constant(const std::string& name, const onnx::TensorProto& tensor);
+
+}  // namespace ostrel::tensorrt_onednn

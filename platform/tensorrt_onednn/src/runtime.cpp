@@ -1,0 +1,54 @@
+#include <NvInfer.h>
+#include <host_cuda/control.h>
+
+#include <atomic>
+#include <memory>
+
+#include "engine.h"
+#include "log.h"
+
+namespace ostrel::tensorrt_onednn {
+namespace {
+
+// Beyond the real one it reports its destruction while engines of it live.
+class Runtime final : public nvinfer1::IRuntime {
+ public:
+  explicit Runtime(nvinfer1::ILogger& logger) : logger_(logger) {}
+
+  ~Runtime() noexcept override {
+    if (*engines_ != 0) log_error(logger_, "~IRuntime", "destroyed while an engine of it lived");
+  }
+
+  nvinfer1::ICudaEngine* deserializeCudaEngine(void const* blob, std::size_t size) noexcept override {
+    constexpr const char* kCall = "deserializeCudaEngine";
+    if (told_to_fail(logger_, kCall)) return nullptr;
+    return guarded<nvinfer1::ICudaEngine*>(logger_, kCall, nullptr, [&] {
+      const auto network = std::make_shared<Network>();
+      load_network(blob, size, network.get());
+      if (network->graph.wants_bfloat16 && !network->bfloat16) {
+        logger_.log(nvinfer1::ILogger::Severity::kWARNING,
+                    "deserializeCudaEngine: the model asks for bfloat16, which this processor lacks; float32 "
+                    "is used");
+      }
+      return new CudaEngine(logger_, network, engines_);
+    });
+  }
+
+ private:
+  nvinfer1::ILogger& logger_;
+  std::shared_ptr<std::atomic<int>> engines_ = std::make_shared<std::atomic<int>>(0);
+};
+
+}  // namespace
+}  // namespace ostrel::tensorrt_onednn
+
+namespace nvinfer1 {
+
+IRuntime* createInferRuntime(ILogger& logger) noexcept {
+  using namespace ostrel::tensorrt_onednn;
+  constexpr const char* kCall = "createInferRuntime";
+  if (told_to_fail(logger, kCall)) return nullptr;
+  return guarded<IRuntime*>(logger, kCall, nullptr, [&] { return new Runtime(logger); });
+}
+
+}  // namespace nvinfer1
