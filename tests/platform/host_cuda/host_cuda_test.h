@@ -1,0 +1,160 @@
+#pragma once
+
+#include <cuda_runtime.h>
+#include <gtest/gtest.h>
+#include <host_cuda/control.h>
+
+#include <condition_variable>
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+// What the contract tests of the CUDA stand-in share.
+namespace host_cuda_test {
+
+using namespace ostrel::host_cuda;
+
+// Holds work on a stream until it is opened. Only for deferred streams: an eager one would never return.
+class Gate {
+ public:
+  ~Gate() { open(); }
+
+  void open() {
+    const std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->open = true;
+    state_->changed.notify_all();
+  }
+
+  void hold(cudaStream_t stream) {
+    const auto wait = [state = state_] {
+      std::unique_lock<std::mutex> lock(state->mutex);
+      state->changed.wait(lock, [&] { return state->open; });
+    };
+    EXPECT_EQ(enqueue(stream, "gate", wait), cudaSuccess);
+  }
+
+ private:
+  struct State {
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool open = false;
+  };
+  std::shared_ptr<State> state_ = std::make_shared<State>();  // the held work may outlive the gate
+};
+
+// Starts each test with clean counters and faults and ends it with every mode as it was and nothing left
+// alive.
+class HostCudaTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    clear_faults();
+    reset_counters();
+    while (cudaGetLastError() != cudaSuccess) {
+    }
+    reset_counters();
+  }
+
+  void TearDown() override {
+    clear_faults();
+    EXPECT_EQ(cudaDeviceSynchronize(), cudaSuccess);
+    EXPECT_TRUE(set_stream_mode(mode_at_start_));
+    set_thread_order(order_at_start_);
+    set_tuned_kernels(true);
+    set_worker_count(workers_at_start_);
+    const Counters left = counters();
+    EXPECT_EQ(left.live_device_allocations, 0);
+    EXPECT_EQ(left.live_device_bytes, 0);
+    EXPECT_EQ(left.live_pinned_allocations, 0);
+    EXPECT_EQ(left.live_pinned_bytes, 0);
+    EXPECT_EQ(left.live_streams, 0);
+    EXPECT_EQ(left.live_events, 0);
+  }
+
+ private:
+  StreamMode mode_at_start_ = stream_mode();
+  ThreadOrder order_at_start_ = thread_order();
+  int workers_at_start_ = worker_count();
+};
+
+class DeferredStreamTest : public HostCudaTest {
+ protected:
+  void SetUp() override {
+    HostCudaTest::SetUp();
+    ASSERT_TRUE(set_stream_mode(StreamMode::kDeferred));
+  }
+};
+
+class TestStream {
+ public:
+  TestStream() { EXPECT_EQ(cudaStreamCreateWithFlags(&stream_, cudaStreamNonBlocking), cudaSuccess); }
+  explicit TestStream(unsigned flags) { EXPECT_EQ(cudaStreamCreateWithFlags(&stream_, flags), cudaSuccess); }
+  ~TestStream() { EXPECT_EQ(cudaStreamDestroy(stream_), cudaSuccess); }
+  TestStream(const TestStream&) = delete;
+  TestStream& operator=(const TestStream&) = delete;
+  operator cudaStream_t() const { return stream_; }
+
+ private:
+  cudaStream_t stream_ = nullptr;
+};
+
+class TestEvent {
+ public:
+  explicit TestEvent(unsigned flags = cudaEventDefault) {
+    EXPECT_EQ(cudaEventCreateWithFlags(&event_, flags), cudaSuccess);
+  }
+  ~TestEvent() { EXPECT_EQ(cudaEventDestroy(event_), cudaSuccess); }
+  TestEvent(const TestEvent&) = delete;
+  TestEvent& operator=(const TestEvent&) = delete;
+  operator cudaEvent_t() const { return event_; }
+
+ private:
+  cudaEvent_t event_ = nullptr;
+};
+
+template <typename T>
+class DeviceArray {
+ public:
+  explicit DeviceArray(std::size_t count) : count_(count) {
+    EXPECT_EQ(cudaMalloc(&data_, count * sizeof(T)), cudaSuccess);
+  }
+  explicit DeviceArray(const std::vector<T>& values) : DeviceArray(values.size()) {
+    EXPECT_EQ(cudaMemcpy(data_, values.data(), bytes(), cudaMemcpyHostToDevice), cudaSuccess);
+  }
+  ~DeviceArray() { EXPECT_EQ(cudaFree(data_), cudaSuccess); }
+  DeviceArray(const DeviceArray&) = delete;
+  DeviceArray& operator=(const DeviceArray&) = delete;
+
+  T* data() const { return data_; }
+  std::size_t bytes() const { return count_ * sizeof(T); }
+  std::vector<T> on_host() const {
+    std::vector<T> values(count_);
+    EXPECT_EQ(cudaMemcpy(values.data(), data_, bytes(), cudaMemcpyDeviceToHost), cudaSuccess);
+    return values;
+  }
+
+ private:
+  std::size_t count_;
+  T* data_ = nullptr;
+};
+
+template <typename T>
+class PinnedArray {
+ public:
+  explicit PinnedArray(std::size_t count) : count_(count) {
+    EXPECT_EQ(cudaMallocHost(&data_, count * sizeof(T)), cudaSuccess);
+  }
+  ~PinnedArray() { EXPECT_EQ(cudaFreeHost(data_), cudaSuccess); }
+  PinnedArray(const PinnedArray&) = delete;
+  PinnedArray& operator=(const PinnedArray&) = delete;
+
+  T* data() const { return data_; }
+  std::size_t bytes() const { return count_ * sizeof(T); }
+  T& operator[](std::size_t i) { return data_[i]; }
+
+ private:
+  std::size_t count_;
+  T* data_ = nullptr;
+};
+
+}  // namespace host_cuda_test
