@@ -6,19 +6,15 @@
 #include <string>
 #include <vector>
 
-#include "support/golden.h"
+#include "support/golden_mat.h"
 #include "tracking_runtime/libs/dcf/gauss_spatial.h"
 
 namespace {
 
+using ostrel_test::floats_of;
 using ostrel_tracker::tracking_runtime::libs::dcf::gauss_spatial;
 using ostrel_tracker::tracking_runtime::libs::dcf::label_function_spatial;
 using ostrel_tracker::tracking_runtime::libs::dcf::SizeYX;
-
-std::vector<float> values_of(const cv::Mat& map) {
-  if (map.empty()) return {};
-  return {map.begin<float>(), map.end<float>()};
-}
 
 bool starts_with(const std::string& text, const std::string& prefix) {
   return text.compare(0, prefix.size(), prefix) == 0;
@@ -32,14 +28,14 @@ TEST(GaussSpatial, MatchesGoldenRows) {
         gauss_spatial(golden.i32("size"), golden.f32("sigma"), golden.f32("center"), golden.i32("end_pad"));
     EXPECT_EQ(row.type(), CV_32F);
     EXPECT_EQ(row.rows, 1) << golden.name();
-    EXPECT_TRUE(ostrel_test::matches_golden(golden.output("row"), values_of(row))) << golden.name();
+    EXPECT_TRUE(ostrel_test::matches_golden(golden.output("row"), floats_of(row))) << golden.name();
     ++compared;
   }
   EXPECT_EQ(compared, 5);
 }
 
 TEST(GaussSpatial, SamplesAnEvenAxisAtHalfCells) {
-  const std::vector<float> row = values_of(gauss_spatial(4, 1.0F, 0.0F, 0));
+  const std::vector<float> row = floats_of(gauss_spatial(4, 1.0F, 0.0F, 0));
   ASSERT_EQ(row.size(), 4u);
   const std::vector<double> coordinates = {-1.5, -0.5, 0.5, 1.5};
   for (std::size_t i = 0; i < row.size(); ++i) {
@@ -63,7 +59,7 @@ TEST(LabelFunctionSpatial, MatchesGoldenMaps) {
         {golden.f32("center_row"), golden.f32("center_col")}, {golden.i32("pad_row"), golden.i32("pad_col")});
     EXPECT_EQ(label.rows, golden.i32("height") + golden.i32("pad_row"));
     EXPECT_EQ(label.cols, golden.i32("width") + golden.i32("pad_col"));
-    EXPECT_TRUE(ostrel_test::matches_golden(golden.output("label"), values_of(label))) << golden.name();
+    EXPECT_TRUE(ostrel_test::matches_golden(golden.output("label"), floats_of(label))) << golden.name();
     ++compared;
   }
   EXPECT_EQ(compared, 2);

@@ -2,31 +2,22 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <vector>
 
-#include "support/golden.h"
+#include "support/golden_mat.h"
 
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
 namespace {
 
+using ostrel_test::float_map;
+using ostrel_test::floats_of;
+
 constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
 
-cv::Mat map_of(const ostrel_test::GoldenArray& array) {
-  cv::Mat map(static_cast<int>(array.shape[0]), static_cast<int>(array.shape[1]), CV_32F);
-  std::transform(array.values.begin(), array.values.end(), map.begin<float>(),
-                 [](double value) { return static_cast<float>(value); });
-  return map;
-}
-
-std::vector<float> values_of(const cv::Mat& map) {
-  return {map.begin<float>(), map.end<float>()};
-}
-
-/// The cells of an axis of a map that counts 0, 1, 2, ...
+/// A map whose cells count 0, 1, 2, ...
 cv::Mat counting_map(int rows, int cols) {
   cv::Mat map(rows, cols, CV_32F);
   for (int i = 0; i < rows * cols; ++i) map.at<float>(i / cols, i % cols) = static_cast<float>(i);
@@ -57,7 +48,7 @@ TEST(ClassifyFeature, MatchesGoldenCorrelations) {
       const cv::Mat response = classify_feature(sample_of(golden, i), filter_of(golden));
       EXPECT_EQ(response.size(), cv::Size(golden.i32("width"), golden.i32("height")));
       EXPECT_EQ(response.type(), CV_32F);
-      const std::vector<float> values = values_of(response);
+      const std::vector<float> values = floats_of(response);
       responses.insert(responses.end(), values.begin(), values.end());
     }
     EXPECT_TRUE(ostrel_test::matches_golden(golden.output("response"), responses)) << golden.name();
@@ -67,7 +58,7 @@ TEST(ClassifyFeature, MatchesGoldenCorrelations) {
 TEST(ClassifyFeature, IsEmptyForWhatItCannotClassify) {
   const ClassifierState filter{{}, 0, 0, 0, {1.0F, 2.0F}, 2, 1, 1, 0};
   const FeatureMap good{1, 2, 1, 1, {3.0F, 4.0F}};
-  ASSERT_EQ(values_of(classify_feature(good, filter)), std::vector<float>{11.0F});
+  ASSERT_EQ(floats_of(classify_feature(good, filter)), std::vector<float>{11.0F});
 
   EXPECT_TRUE(classify_feature(FeatureMap{}, filter).empty()) << "undefined";
   EXPECT_TRUE(classify_feature({1, 2, 1, 1, {3.0F}}, filter).empty()) << "short data";
@@ -79,16 +70,16 @@ TEST(ClassifyFeature, IsEmptyForWhatItCannotClassify) {
 TEST(RollMat, MatchesGoldenShifts) {
   for (const auto& golden : ostrel_test::load_golden("roll")) {
     const cv::Mat rolled =
-        roll_mat(map_of(golden.input("input")), golden.i32("shift_rows"), golden.i32("shift_cols"));
-    EXPECT_TRUE(ostrel_test::matches_golden(golden.output("output"), values_of(rolled))) << golden.name();
+        roll_mat(float_map(golden.input("input")), golden.i32("shift_rows"), golden.i32("shift_cols"));
+    EXPECT_TRUE(ostrel_test::matches_golden(golden.output("output"), floats_of(rolled))) << golden.name();
   }
 }
 
 TEST(RollMat, ReducesNegativeAndLargeShifts) {
   const cv::Mat map = counting_map(3, 4);
-  EXPECT_EQ(values_of(roll_mat(map, -1, 0)), values_of(roll_mat(map, 2, 0)));
-  EXPECT_EQ(values_of(roll_mat(map, 0, -9)), values_of(roll_mat(map, 0, 3)));
-  EXPECT_EQ(values_of(roll_mat(map, 3, 4)), values_of(map));
+  EXPECT_EQ(floats_of(roll_mat(map, -1, 0)), floats_of(roll_mat(map, 2, 0)));
+  EXPECT_EQ(floats_of(roll_mat(map, 0, -9)), floats_of(roll_mat(map, 0, 3)));
+  EXPECT_EQ(floats_of(roll_mat(map, 3, 4)), floats_of(map));
 }
 
 TEST(RollMat, MovesComplexElementsWhole) {
@@ -112,7 +103,7 @@ TEST(RollMat, KeepsNothingEmpty) {
 TEST(SoftArgmax, MatchesGoldenPoints) {
   for (const auto& golden : ostrel_test::load_golden("soft_argmax")) {
     const cv::Point_<float> point =
-        soft_argmax_2d(map_of(golden.input("response")), {golden.i32("peak_x"), golden.i32("peak_y")},
+        soft_argmax_2d(float_map(golden.input("response")), {golden.i32("peak_x"), golden.i32("peak_y")},
                        golden.i32("radius"), golden.f32("sharpness"));
     EXPECT_TRUE(ostrel_test::matches_golden(golden.output("point"), std::vector<float>{point.x, point.y}))
         << golden.name();
@@ -155,7 +146,7 @@ TEST(SoftArgmax, PassesNotANumberOn) {
 TEST(SoftArgmax, LeavesTheResponseAlone) {
   const cv::Mat map = counting_map(4, 4);
   soft_argmax_2d(map, {1, 1}, 1, 1.0F);
-  EXPECT_EQ(values_of(map), values_of(counting_map(4, 4)));
+  EXPECT_EQ(floats_of(map), floats_of(counting_map(4, 4)));
 }
 
 TEST(QuadraticPeak, MatchesGoldenVertices) {

@@ -1,24 +1,13 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <vector>
-
-#include "support/golden.h"
+#include "support/golden_mat.h"
 #include "tracking_runtime/tracker/atom/response_analysis.h"
 
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
 namespace {
 
-cv::Mat map_of(const ostrel_test::GoldenArray& array) {
-  cv::Mat map(static_cast<int>(array.shape[0]), static_cast<int>(array.shape[1]), CV_32F);
-  std::transform(array.values.begin(), array.values.end(), map.begin<float>(),
-                 [](double value) { return static_cast<float>(value); });
-  return map;
-}
-
-std::vector<float> values_of(const cv::Mat& map) {
-  return {map.begin<float>(), map.end<float>()};
-}
+using ostrel_test::float_map;
+using ostrel_test::floats_of;
 
 cv::Mat upsample(const cv::Mat& map, int filter_side, int search_size) {
   return upsample_response_fft(map, filter_side, filter_side, search_size);
@@ -33,15 +22,15 @@ TEST(ResponseUpsampling, MatchesGoldenMaps) {
   int compared = 0;
   for (const auto& golden : ostrel_test::load_golden("upsample")) {
     const cv::Mat upsampled =
-        upsample_response_fft(map_of(golden.input("response")), golden.i32("filter_height"),
+        upsample_response_fft(float_map(golden.input("response")), golden.i32("filter_height"),
                               golden.i32("filter_width"), golden.i32("search_size"));
     if (golden.name() == "larger_than_search") {
       EXPECT_TRUE(upsampled.empty());
       continue;
     }
-    EXPECT_TRUE(ostrel_test::matches_golden(golden.output("upsampled"), values_of(upsampled)))
+    EXPECT_TRUE(ostrel_test::matches_golden(golden.output("upsampled"), floats_of(upsampled)))
         << golden.name();
-    EXPECT_TRUE(ostrel_test::matches_golden(golden.output("centred"), values_of(centred(upsampled))))
+    EXPECT_TRUE(ostrel_test::matches_golden(golden.output("centred"), floats_of(centred(upsampled))))
         << golden.name();
     ++compared;
   }
@@ -51,7 +40,7 @@ TEST(ResponseUpsampling, MatchesGoldenMaps) {
 TEST(ResponseUpsampling, LeavesTheTransformsUnscaled) {
   const cv::Mat upsampled = upsample(cv::Mat(6, 6, CV_32F, cv::Scalar(2.0)), 4, 24);
   ASSERT_EQ(upsampled.size(), cv::Size(24, 24));
-  for (const float value : values_of(upsampled)) EXPECT_NEAR(value, 2.0F * 36.0F, 1e-3F);
+  for (const float value : floats_of(upsampled)) EXPECT_NEAR(value, 2.0F * 36.0F, 1e-3F);
 }
 
 TEST(ResponseUpsampling, BringsTheMiddleOfTheMapToTheCorner) {
@@ -65,9 +54,9 @@ TEST(ResponseUpsampling, BringsTheMiddleOfTheMapToTheCorner) {
 TEST(ResponseUpsampling, MakesASingleCellFlat) {
   const cv::Mat cell(1, 1, CV_32F, cv::Scalar(3.0));
   for (const int filter_side : {1, 4}) {
-    for (const float value : values_of(upsample(cell, filter_side, 9))) EXPECT_NEAR(value, 3.0F, 1e-5F);
+    for (const float value : floats_of(upsample(cell, filter_side, 9))) EXPECT_NEAR(value, 3.0F, 1e-5F);
     // An even side puts frequency zero one bin off its place, and nothing of it is left.
-    for (const float value : values_of(upsample(cell, filter_side, 8))) EXPECT_NEAR(value, 0.0F, 1e-5F);
+    for (const float value : floats_of(upsample(cell, filter_side, 8))) EXPECT_NEAR(value, 0.0F, 1e-5F);
   }
 }
 
@@ -76,7 +65,7 @@ TEST(ResponseUpsampling, ConvertsTheMapToFloat) {
   cv::randu(map, 0, 255);
   cv::Mat as_float;
   map.convertTo(as_float, CV_32F);
-  EXPECT_EQ(values_of(upsample(map, 4, 24)), values_of(upsample(as_float, 4, 24)));
+  EXPECT_EQ(floats_of(upsample(map, 4, 24)), floats_of(upsample(as_float, 4, 24)));
 }
 
 TEST(ResponseUpsampling, IsEmptyForUnusableMaps) {

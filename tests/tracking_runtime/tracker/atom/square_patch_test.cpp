@@ -2,41 +2,22 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <string>
 #include <vector>
 
-#include "support/golden.h"
+#include "support/golden_mat.h"
 
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
 namespace {
 
+using ostrel_test::bgr_image;
+using ostrel_test::bytes_of;
+using ostrel_test::coordinate_image;
+
 constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
-
-cv::Mat image_of(const ostrel_test::GoldenArray& array) {
-  cv::Mat image(static_cast<int>(array.shape[0]), static_cast<int>(array.shape[1]), CV_8UC3);
-  std::transform(array.values.begin(), array.values.end(), image.data,
-                 [](double value) { return static_cast<unsigned char>(value); });
-  return image;
-}
-
-std::vector<int> bytes_of(const cv::Mat& patch) {
-  return {patch.data, patch.data + patch.total() * patch.elemSize()};
-}
-
-/// Each pixel tells its own coordinates: blue is the column, green the row.
-cv::Mat coordinate_image(int rows, int cols) {
-  cv::Mat image(rows, cols, CV_8UC3);
-  for (int y = 0; y < rows; ++y) {
-    for (int x = 0; x < cols; ++x) {
-      image.at<cv::Vec3b>(y, x) = {static_cast<unsigned char>(x), static_cast<unsigned char>(y), 7};
-    }
-  }
-  return image;
-}
 
 TEST(PatchSquare, MatchesGoldenRectangles) {
   const auto golden = ostrel_test::load_golden_case("patch_geometry", "rect_and_crop");
@@ -90,7 +71,7 @@ TEST(CutSquarePatch, MatchesGoldenPatches) {
   for (int i = 0; i < 5; ++i) {
     const auto golden = ostrel_test::load_golden_case("patch_geometry", "cut" + std::to_string(i));
     const cv::Mat patch = cut_square_patch(
-        image_of(golden.input("image")), {golden.f32("cx"), golden.f32("cy")}, golden.f32("box_width"),
+        bgr_image(golden.input("image")), {golden.f32("cx"), golden.f32("cy")}, golden.f32("box_width"),
         golden.f32("box_height"), golden.f32("factor"), golden.i32("search_size"));
     EXPECT_TRUE(ostrel_test::matches_golden(golden.output("patch"), bytes_of(patch))) << golden.name();
   }
