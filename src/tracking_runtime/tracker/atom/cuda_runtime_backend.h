@@ -55,6 +55,7 @@ class CudaRuntimeBackend final : public AtomRuntimeBackend, private TargetState 
 
  private:
   friend struct CudaRuntimeBackendTestAccess;
+  friend class InitPipeline;
 
   // cuda_runtime_backend.cpp
   std::string not_implemented_error_(const char* stage) const;

@@ -40,6 +40,14 @@ cv::Rect_<int> rounded_rect_in_frame(const base::BBox& box, const cv::Size_<int>
   return {whole_corner(box.x, width, frame_width), whole_corner(box.y, height, frame_height), width, height};
 }
 
+cv::Rect_<int> clamp_rect(const cv::Rect_<int>& rect, const cv::Size_<int>& frame_size) {
+  const int frame_width = std::max(frame_size.width, 1);
+  const int frame_height = std::max(frame_size.height, 1);
+  const int width = held(rect.width, 1, frame_width);
+  const int height = held(rect.height, 1, frame_height);
+  return {held(rect.x, 0, frame_width - width), held(rect.y, 0, frame_height - height), width, height};
+}
+
 bool is_usable_box(const base::BBox& box) {
   return std::isfinite(box.x) && std::isfinite(box.y) && std::isfinite(box.width) &&
          std::isfinite(box.height) && box.width > 1.0F && box.height > 1.0F;

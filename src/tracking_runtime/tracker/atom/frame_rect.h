@@ -16,6 +16,9 @@ base::BBox clamp_bbox(const base::BBox& box, const cv::Size_<int>& frame_size);
 /// The same in whole pixels: every member is rounded to nearest, halves away from zero.
 cv::Rect_<int> rounded_rect_in_frame(const base::BBox& box, const cv::Size_<int>& frame_size);
 
+/// A box of whole pixels moved and cut into the frame, sides at least 1.
+cv::Rect_<int> clamp_rect(const cv::Rect_<int>& rect, const cv::Size_<int>& frame_size);
+
 /// All four members finite and both sides above 1: a box that can be searched for.
 bool is_usable_box(const base::BBox& box);
 
