@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <numeric>
 #include <random>
@@ -16,17 +17,15 @@ constexpr int kFreshFill = 0xFF;
 
 thread_local BlockState t_block{};
 
-// Dynamic shared memory of the block that runs on this thread, exactly as large as asked for.
+// Dynamic shared memory of the block that runs on this thread: one piece for each size in use, exactly as
+// large as asked for, so that the address sanitizer sees an access past the end.
 void* fresh_shared_memory(std::size_t bytes) {
-  thread_local std::unique_ptr<unsigned char[]> memory;
-  thread_local std::size_t held_bytes = 0;
+  thread_local std::map<std::size_t, std::unique_ptr<unsigned char[]>> pieces;
   if (bytes == 0) return nullptr;
-  if (bytes != held_bytes) {
-    memory.reset(new unsigned char[bytes]);
-    held_bytes = bytes;
-  }
-  std::memset(memory.get(), kFreshFill, bytes);
-  return memory.get();
+  std::unique_ptr<unsigned char[]>& piece = pieces[bytes];
+  if (piece == nullptr) piece.reset(new unsigned char[bytes]);
+  std::memset(piece.get(), kFreshFill, bytes);
+  return piece.get();
 }
 
 std::minstd_rand& shuffler() {

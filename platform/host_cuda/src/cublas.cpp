@@ -3,6 +3,7 @@
 #include <oneapi/dnnl/dnnl.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -91,6 +92,21 @@ struct Product {
 
   void multiply(int index) const {
     float* target = const_cast<float*>(c.data) + c.stride * index;
+    if (k == 0) {
+      scale(target);
+    } else {
+      add_product(target, index);
+    }
+  }
+
+  void scale(float* target) const {
+    for (int column = 0; column < n; ++column) {
+      float* first = target + static_cast<std::ptrdiff_t>(c.leading) * column;
+      for (int row = 0; row < m; ++row) first[row] = beta == 0.0F ? 0.0F : beta * first[row];
+    }
+  }
+
+  void add_product(float* target, int index) const {
     const int previous = omp_get_max_threads();
     omp_set_num_threads(1);
     const dnnl_status_t status = dnnl_sgemm(transpose_b ? 'T' : 'N', transpose_a ? 'T' : 'N', n, m, k, alpha,
@@ -182,25 +198,25 @@ cublasStatus_t cublasSgemmStridedBatched(cublasHandle_t handle, cublasOperation_
 const char* cublasGetStatusString(cublasStatus_t status) {
   switch (status) {
     case CUBLAS_STATUS_SUCCESS:
-      return "CUBLAS_STATUS_SUCCESS";
+      return "success";
     case CUBLAS_STATUS_NOT_INITIALIZED:
-      return "CUBLAS_STATUS_NOT_INITIALIZED";
+      return "the library was not initialized";
     case CUBLAS_STATUS_ALLOC_FAILED:
-      return "CUBLAS_STATUS_ALLOC_FAILED";
+      return "the resource allocation failed";
     case CUBLAS_STATUS_INVALID_VALUE:
-      return "CUBLAS_STATUS_INVALID_VALUE";
+      return "an unsupported value or parameter was passed to the function";
     case CUBLAS_STATUS_ARCH_MISMATCH:
-      return "CUBLAS_STATUS_ARCH_MISMATCH";
+      return "the function requires an architectural feature absent from the device";
     case CUBLAS_STATUS_MAPPING_ERROR:
-      return "CUBLAS_STATUS_MAPPING_ERROR";
+      return "an access to GPU memory space failed";
     case CUBLAS_STATUS_EXECUTION_FAILED:
-      return "CUBLAS_STATUS_EXECUTION_FAILED";
+      return "the function failed to launch on the GPU";
     case CUBLAS_STATUS_INTERNAL_ERROR:
-      return "CUBLAS_STATUS_INTERNAL_ERROR";
+      return "an internal operation failed";
     case CUBLAS_STATUS_NOT_SUPPORTED:
-      return "CUBLAS_STATUS_NOT_SUPPORTED";
+      return "the requested functionality is not supported";
     case CUBLAS_STATUS_LICENSE_ERROR:
-      return "CUBLAS_STATUS_LICENSE_ERROR";
+      return "the license check failed";
   }
-  return "CUBLAS_STATUS_UNKNOWN";
+  return "unrecognized status";
 }

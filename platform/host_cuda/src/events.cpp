@@ -24,6 +24,11 @@ class Recording {
     changed_.notify_all();
   }
 
+  void restart() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    reached_ = false;
+  }
+
   void wait() {
     std::unique_lock<std::mutex> lock(mutex_);
     changed_.wait(lock, [this] { return reached_; });
@@ -71,12 +76,19 @@ class EventTable {
     return true;
   }
 
-  bool set_latest(cudaEvent_t handle, const std::shared_ptr<Recording>& recording) {
+  // A new latest recording, nothing for a handle that is not alive. One that nobody else holds is used again,
+  // so that a steady frame allocates nothing.
+  std::shared_ptr<Recording> start_recording(cudaEvent_t handle) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto found = alive_.find(handle);
-    if (found == alive_.end()) return false;
-    found->second.latest = recording;
-    return true;
+    if (found == alive_.end()) return nullptr;
+    std::shared_ptr<Recording>& latest = found->second.latest;
+    if (latest.use_count() == 1) {
+      latest->restart();
+    } else {
+      latest = std::make_shared<Recording>();
+    }
+    return latest;
   }
 
  private:
@@ -101,8 +113,8 @@ cudaError_t create_event(cudaEvent_t* event, unsigned int flags) {
 cudaError_t record(cudaEvent_t event, cudaStream_t handle) {
   const auto stream = streams().find(handle);
   if (stream == nullptr) return cudaErrorInvalidResourceHandle;
-  const auto recording = std::make_shared<Recording>();
-  if (!events().set_latest(event, recording)) return cudaErrorInvalidResourceHandle;
+  const auto recording = events().start_recording(event);
+  if (recording == nullptr) return cudaErrorInvalidResourceHandle;
   if (handle == nullptr) count(&Counters::null_stream_work);
   auto work = [recording] { recording->reach(); };
   streams().submit(*stream, make_work(work));

@@ -51,13 +51,13 @@ __global__ void reverse_blocks_kernel(const float* source, float* target) {
   block.for_each_thread([&](int thread) { target[first + thread] = staged[block.threads() - 1 - thread]; });
 }
 
-__global__ void reverse_without_barrier_kernel(const float* source, float* target) {
+__global__ void shift_without_barrier_kernel(const float* source, float* target) {
   const Block block = this_block();
   float* staged = block.dynamic_shared<float>();
   const int first = block.index() * block.threads();
   block.for_each_thread([&](int thread) {
     staged[thread] = source[first + thread];
-    target[first + thread] = staged[block.threads() - 1 - thread];
+    target[first + thread] = staged[thread > 0 ? thread - 1 : 0];
   });
 }
 
@@ -117,9 +117,9 @@ cudaError_t reverse_blocks(const float* source, float* target, unsigned grid, un
                        source, target);
 }
 
-cudaError_t reverse_without_barrier(const float* source, float* target, unsigned grid, unsigned block,
-                                    cudaStream_t stream) {
-  return launch_kernel("reverse_without_barrier_kernel", reverse_without_barrier_kernel, grid, block,
+cudaError_t shift_without_barrier(const float* source, float* target, unsigned grid, unsigned block,
+                                  cudaStream_t stream) {
+  return launch_kernel("shift_without_barrier_kernel", shift_without_barrier_kernel, grid, block,
                        block * sizeof(float), stream, source, target);
 }
 

@@ -18,9 +18,10 @@ cudaError_t sum(const float* source, int n, double* out, unsigned grid, cudaStre
 cudaError_t reverse_blocks(const float* source, float* target, unsigned grid, unsigned block,
                            std::size_t shared_bytes, cudaStream_t stream);
 
-// As reverse_blocks, written in one phase: wrong wherever a thread reads before another one has written.
-cudaError_t reverse_without_barrier(const float* source, float* target, unsigned grid, unsigned block,
-                                    cudaStream_t stream);
+// Each thread takes its left neighbour's value (the first one its own) without a barrier between writing and
+// reading: right only when threads run in ascending order.
+cudaError_t shift_without_barrier(const float* source, float* target, unsigned grid, unsigned block,
+                                  cudaStream_t stream);
 
 // target[block index] = {threads, grid, index} for each block.
 cudaError_t describe_blocks(int* target, unsigned grid, unsigned block, cudaStream_t stream);
