@@ -21,7 +21,7 @@ int choice_from_environment(const char* variable, std::initializer_list<const ch
     ++place;
   }
   std::fprintf(stderr, "host_cuda: %s has the unknown value '%s'\n", variable, value);
-  std::abort();
+  std::_Exit(2);
 }
 
 struct Modes {

@@ -1,5 +1,6 @@
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -210,6 +211,19 @@ TEST_F(DeferredStreams, DeviceSynchronizeWaitsForAll) {
   }
   ASSERT_EQ(cudaDeviceSynchronize(), cudaSuccess);
   EXPECT_EQ(done, 2);
+}
+
+TEST_F(DeferredStreams, ProcessMayEndWithWorkPending) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto end_early = [] {
+    set_stream_mode(StreamMode::kDeferred);
+    cudaStream_t stream = nullptr;
+    cudaStreamCreateWithFlags(&stream, cudaStreamNonBlocking);
+    enqueue(stream, "slow", [] { std::this_thread::sleep_for(std::chrono::seconds(5)); });
+    parallel_for(4, 2, [](int) { std::this_thread::sleep_for(std::chrono::milliseconds(1)); });
+    std::exit(0);
+  };
+  EXPECT_EXIT(end_early(), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(DeferredStreams, FinishedWorkHasGivenBackWhatItHeld) {

@@ -247,6 +247,7 @@ TEST_F(Launch, IsCountedByKernelName) {
   EXPECT_EQ(counters().launches_of("describe_blocks_kernel"), 3);
   EXPECT_EQ(counters().calls_of("cudaLaunchKernel"), 3);
   EXPECT_EQ(counters().null_stream_work, 0);
+  ASSERT_EQ(cudaStreamSynchronize(stream), cudaSuccess);
   ASSERT_EQ(launch_test::describe_blocks(target.data(), 1, 32, nullptr), cudaSuccess);
   EXPECT_EQ(counters().null_stream_work, 1);
   EXPECT_EQ(cudaDeviceSynchronize(), cudaSuccess);
