@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "tracking_runtime/tracker/atom/frame_rect.h"
+#include "tracking_runtime/tracker/atom/held.h"
 #include "tracking_runtime/tracker/atom/refuse.h"
 #include "tracking_runtime/tracker/atom/rounding.h"
 
@@ -114,7 +115,7 @@ AtomTrackResult ATOM::finish_track_(bool tracked, base::BBox bbox, float score, 
   AtomTrackResult result;
   result.ok = true;
   result.bbox = last_bbox_;
-  result.score = std::min(std::max(0.0F, score), 1.0F);  // a score that is not a number counts as 0
+  result.score = held(score, 0.0F, 1.0F);
   result.status = text.empty() ? kOkWord : text;
   return result;
 }

@@ -3,16 +3,11 @@
 #include <algorithm>
 #include <cmath>
 
+#include "tracking_runtime/tracker/atom/held.h"
 #include "tracking_runtime/tracker/atom/rounding.h"
 
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
 namespace {
-
-// The lower bound comes first: it answers for a value that is not a number.
-template <typename T>
-T held(T value, T low, T high) {
-  return std::min(std::max(low, value), high);
-}
 
 // The corner of a box side that fits, given that its size is at most that of the frame.
 int whole_corner(float corner, int size, int frame) {

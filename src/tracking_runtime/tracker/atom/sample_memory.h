@@ -15,6 +15,9 @@ struct TrainingSelection {
   int available = 0;            ///< samples that could have been selected
 };
 
+/// Whether both are defined and hold one sample: what the memory takes.
+bool is_one_sample(const FeatureMap& feature, const LabelMap& label);
+
 /// Bounded, weighted store of projected samples and their labels. Weights decay exponentially, so the newest
 /// sample weighs most, while the start-up set keeps a quarter of the whole. The backend guards it with its
 /// state mutex; `capacity` is `max(sample_memory_size, 1)` of the running configuration.
@@ -32,7 +35,8 @@ struct SampleMemory {
   int previous_replace_index = -1;  ///< slot of the last sample written, -1 after a batch
 
   /// Fills the memory from the start-up set; bad input gives false and changes nothing.
-  bool batch_init_(const std::vector<FeatureMap>& features, const std::vector<LabelMap>& labels, int capacity);
+  bool batch_init_(const std::vector<FeatureMap>& features, const std::vector<LabelMap>& labels,
+                   int capacity);
   /// Writes one sample; a sample of another geometry rebuilds the memory around itself.
   bool store_(const FeatureMap& feature, const LabelMap& label, float learning_rate, int capacity);
   /// Chooses the slot of a new sample and updates all weights; returns the slot.
@@ -40,6 +44,14 @@ struct SampleMemory {
   /// Start-up samples first, then the heaviest others, at most `sample_cap` (0 or below: all); weights
   /// renormalised. False when nothing can be selected or the geometry is unusable.
   bool select_(int sample_cap, TrainingSelection* selection) const;
+  /// Nothing has been stored yet.
+  bool empty() const;
+
+ private:
+  void rebuild_(const FeatureMap& feature, const LabelMap& label, int capacity);
+  bool holds_geometry_(const FeatureMap& feature, const LabelMap& label, int capacity) const;
+  int slot_for_new_sample_(int capacity) const;
+  void restore_init_share_();
 };
 
 }  // namespace ostrel_tracker::tracking_runtime::tracker::atom
