@@ -7,15 +7,6 @@
 #include "tracking_runtime/tracker/atom/rounding.h"
 
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
-namespace {
-
-// The corner of a box side that fits, given that its size is at most that of the frame.
-int whole_corner(float corner, int size, int frame) {
-  return held(round_to_int(corner), 0, frame - size);
-}
-
-}  // namespace
-
 base::BBox clamp_bbox(const base::BBox& box, const cv::Size_<int>& frame_size) {
   const auto frame_width = static_cast<float>(std::max(frame_size.width, 1));
   const auto frame_height = static_cast<float>(std::max(frame_size.height, 1));
@@ -27,20 +18,18 @@ base::BBox clamp_bbox(const base::BBox& box, const cv::Size_<int>& frame_size) {
   return clamped;
 }
 
-cv::Rect_<int> rounded_rect_in_frame(const base::BBox& box, const cv::Size_<int>& frame_size) {
-  const int frame_width = std::max(frame_size.width, 1);
-  const int frame_height = std::max(frame_size.height, 1);
-  const int width = held(round_to_int(box.width), 1, frame_width);
-  const int height = held(round_to_int(box.height), 1, frame_height);
-  return {whole_corner(box.x, width, frame_width), whole_corner(box.y, height, frame_height), width, height};
-}
-
 cv::Rect_<int> clamp_rect(const cv::Rect_<int>& rect, const cv::Size_<int>& frame_size) {
   const int frame_width = std::max(frame_size.width, 1);
   const int frame_height = std::max(frame_size.height, 1);
   const int width = held(rect.width, 1, frame_width);
   const int height = held(rect.height, 1, frame_height);
   return {held(rect.x, 0, frame_width - width), held(rect.y, 0, frame_height - height), width, height};
+}
+
+cv::Rect_<int> rounded_rect_in_frame(const base::BBox& box, const cv::Size_<int>& frame_size) {
+  return clamp_rect(
+      {round_to_int(box.x), round_to_int(box.y), round_to_int(box.width), round_to_int(box.height)},
+      frame_size);
 }
 
 bool is_usable_box(const base::BBox& box) {
