@@ -7,6 +7,7 @@
 #include "tracking_runtime/tracker/atom/rounding.h"
 
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
+
 base::BBox clamp_bbox(const base::BBox& box, const cv::Size_<int>& frame_size) {
   const auto frame_width = static_cast<float>(std::max(frame_size.width, 1));
   const auto frame_height = static_cast<float>(std::max(frame_size.height, 1));
