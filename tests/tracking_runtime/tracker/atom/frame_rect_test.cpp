@@ -65,6 +65,16 @@ TEST(RoundedRectInFrame, SurvivesCoordinatesBeyondTheRangeOfIntegers) {
   EXPECT_EQ(rounded_rect_in_frame({2147483648.0F, 2e9F, 10.0F, 10.0F}, {100, 80}), cv::Rect(90, 70, 10, 10));
 }
 
+TEST(ClampRect, MovesAndCutsABoxIntoTheFrame) {
+  const cv::Size_<int> frame(100, 80);
+  EXPECT_EQ(clamp_rect({10, 20, 30, 40}, frame), cv::Rect(10, 20, 30, 40));
+  EXPECT_EQ(clamp_rect({-5, -6, 30, 40}, frame), cv::Rect(0, 0, 30, 40));
+  EXPECT_EQ(clamp_rect({90, 75, 30, 40}, frame), cv::Rect(70, 40, 30, 40));
+  EXPECT_EQ(clamp_rect({10, 20, 300, 400}, frame), cv::Rect(0, 0, 100, 80));
+  EXPECT_EQ(clamp_rect({10, 20, 0, -4}, frame), cv::Rect(10, 20, 1, 1));
+  EXPECT_EQ(clamp_rect({10, 20, 5, 5}, {0, -1}), cv::Rect(0, 0, 1, 1));
+}
+
 TEST(IsUsableBox, WantsFiniteMembersAndSidesAboveOne) {
   EXPECT_TRUE(is_usable_box({-5.0F, 0.0F, 1.001F, 2.0F}));
   EXPECT_FALSE(is_usable_box({0.0F, 0.0F, 1.0F, 2.0F}));
