@@ -5,26 +5,6 @@
 
 namespace ostrel::testing {
 
-void RecordingLogger::log(Severity severity, const char* text) noexcept {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  lines_.emplace_back(severity, text);
-}
-
-std::vector<std::string> RecordingLogger::lines(Severity severity) const {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  std::vector<std::string> found;
-  for (const auto& [level, text] : lines_) {
-    if (level == severity) found.push_back(text);
-  }
-  return found;
-}
-
-std::string RecordingLogger::errors() const {
-  std::string all;
-  for (const std::string& line : lines(Severity::kERROR)) all += line + "\n";
-  return all;
-}
-
 std::size_t element_count(const Shape& shape) {
   std::size_t count = 1;
   for (const std::int64_t size : shape) count *= static_cast<std::size_t>(size);
@@ -87,20 +67,23 @@ void BoundContext::upload(const std::vector<Tensor>& inputs) {
   }
 }
 
+std::vector<float> BoundContext::download_tensor(std::size_t position, std::size_t count) {
+  std::vector<float> values(count);
+  EXPECT_EQ(cudaMemcpyAsync(values.data(), memory_[position]->get(), count * sizeof(float),
+                            cudaMemcpyDeviceToHost, stream_.get()),
+            cudaSuccess);
+  stream_.wait();
+  return values;
+}
+
 std::vector<Tensor> BoundContext::download() {
   std::vector<Tensor> outputs;
   for (int32_t i = 0; i < engine_->getNbIOTensors(); ++i) {
     const char* name = engine_->getIOTensorName(i);
     if (engine_->getTensorIOMode(name) != nvinfer1::TensorIOMode::kOUTPUT) continue;
-    Tensor output;
-    output.shape = shape_of(context_->getTensorShape(name));
-    output.values.resize(element_count(output.shape));
-    EXPECT_EQ(cudaMemcpyAsync(output.values.data(), memory_[static_cast<std::size_t>(i)]->get(),
-                              output.values.size() * sizeof(float), cudaMemcpyDeviceToHost, stream_.get()),
-              cudaSuccess);
-    outputs.push_back(std::move(output));
+    const Shape shape = shape_of(context_->getTensorShape(name));
+    outputs.push_back({shape, download_tensor(static_cast<std::size_t>(i), element_count(shape))});
   }
-  stream_.wait();
   return outputs;
 }
 

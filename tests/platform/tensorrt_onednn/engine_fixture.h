@@ -6,27 +6,16 @@
 #include <onnx_model_builder.h>
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
+
+#include "platform/tensorrt_onednn/recording_logger.h"
 
 namespace ostrel::testing {
 
 using backbone::NodeAttributes;
 using backbone::OnnxModelBuilder;
 using backbone::Shape;
-
-// Keeps what was logged; may be written from several threads.
-class RecordingLogger final : public nvinfer1::ILogger {
- public:
-  void log(Severity severity, const char* text) noexcept override;
-  std::vector<std::string> lines(Severity severity) const;
-  std::string errors() const;  // all lines at kERROR, joined by newlines
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::pair<Severity, std::string>> lines_;
-};
 
 struct Tensor {
   Shape shape;
@@ -89,6 +78,7 @@ class BoundContext {
   void bind(const std::vector<Tensor>& inputs);
   void upload(const std::vector<Tensor>& inputs);
   std::vector<Tensor> download();
+  std::vector<float> download_tensor(std::size_t position, std::size_t count);
   Stream& stream() { return stream_; }
 
  private:
