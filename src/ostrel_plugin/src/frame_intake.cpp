@@ -36,11 +36,18 @@ optrix::AffineCrop wholePicture(const optrix::OptrixPicture& picture, int out_wi
   return atom::make_affine_crop(scale_x * 0.5F - 0.5F, scale_y * 0.5F - 0.5F, scale_x, scale_y);
 }
 
+// A failure that ends here must not show up as the last error of a later launch.
+bool succeeded(cudaError_t status) {
+  if (status == cudaSuccess) return true;
+  static_cast<void>(cudaGetLastError());
+  return false;
+}
+
 bool isReadable(const atom::TrtInputBatch& batch, bool cut, int width, int height) {
   const bool as_asked = batch.data != nullptr && cut && batch.count == 1 && batch.channels == kChannels &&
                         batch.width == width && batch.height == height;
   if (!as_asked) return false;
-  return batch.ready_event == nullptr || cudaEventSynchronize(batch.ready_event) == cudaSuccess;
+  return batch.ready_event == nullptr || succeeded(cudaEventSynchronize(batch.ready_event));
 }
 
 std::uint8_t toByte(float value) {
@@ -105,9 +112,8 @@ cv::Mat buildBgrFromOptrixTensor(const std::shared_ptr<optrix::OptrixPicture>& p
 
   std::vector<float> planes(static_cast<std::size_t>(kChannels) * static_cast<std::size_t>(out_height) *
                             static_cast<std::size_t>(out_width));
-  const cudaError_t copied =
-      cudaMemcpy(planes.data(), batch.data, planes.size() * sizeof(float), cudaMemcpyDeviceToHost);
-  if (copied != cudaSuccess) return {};
+  const std::size_t bytes = planes.size() * sizeof(float);
+  if (!succeeded(cudaMemcpy(planes.data(), batch.data, bytes, cudaMemcpyDeviceToHost))) return {};
   return interleaveBgr(planes, out_width, out_height);
 }
 
