@@ -7,12 +7,14 @@
 #include <cstddef>
 
 // The compiler's words for device code. `__noinline__` stays undefined: the standard library uses it.
+// NOLINTBEGIN(bugprone-reserved-identifier)
 #define __global__
 #define __device__
 #define __host__
 #define __shared__
 #define __forceinline__ inline __attribute__((always_inline))
 #define __launch_bounds__(...)
+// NOLINTEND(bugprone-reserved-identifier)
 
 enum cudaError {
   cudaSuccess = 0,

@@ -11,6 +11,7 @@
 
 #include "api_call.h"
 #include "counter_store.h"
+#include "handles.h"
 #include "host_cuda/control.h"
 #include "host_cuda/parallel.h"
 #include "stream_table.h"
@@ -22,8 +23,7 @@ class HandleTable {
  public:
   cublasHandle_t create() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    const auto handle = reinterpret_cast<cublasHandle_t>(next_handle_);
-    next_handle_ += 16;
+    const auto handle = new_handle<cublasHandle_t>();
     streams_[handle] = nullptr;
     return handle;
   }
@@ -52,7 +52,6 @@ class HandleTable {
  private:
   std::mutex mutex_;
   std::map<cublasHandle_t, cudaStream_t> streams_;
-  std::size_t next_handle_ = 0x20001008;
 };
 
 HandleTable& handles() {

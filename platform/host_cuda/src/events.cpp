@@ -6,6 +6,7 @@
 
 #include "api_call.h"
 #include "counter_store.h"
+#include "handles.h"
 #include "stream_table.h"
 
 namespace ostrel::host_cuda::detail {
@@ -52,13 +53,12 @@ struct Event {
   std::shared_ptr<Recording> latest;  // null before the first record
 };
 
-// All events by handle; handles are never used twice.
+// All events by handle.
 class EventTable {
  public:
   cudaEvent_t create(bool timed) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    const auto handle = reinterpret_cast<cudaEvent_t>(next_handle_);
-    next_handle_ += 16;
+    const auto handle = new_handle<cudaEvent_t>();
     alive_[handle] = Event{timed, nullptr};
     return handle;
   }
@@ -94,7 +94,6 @@ class EventTable {
  private:
   std::mutex mutex_;
   std::map<cudaEvent_t, Event> alive_;
-  std::size_t next_handle_ = 0x10001008;  // apart from the handles of streams
 };
 
 EventTable& events() {

@@ -141,7 +141,7 @@ void start_detached_thread(std::function<void()> body) {
     std::fprintf(stderr, "host_cuda: cannot start a thread (error %d)\n", status);
     std::abort();
   }
-  held.release();
+  (void)held.release();  // the thread owns it now
   pthread_detach(thread);
 }
 

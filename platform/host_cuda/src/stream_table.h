@@ -10,8 +10,7 @@
 
 namespace ostrel::host_cuda::detail {
 
-// All streams of the process by handle. Handles are numbers that are never used twice, so that a stale one is
-// known.
+// All streams of the process by handle.
 class StreamTable {
  public:
   cudaStream_t create(bool blocking, bool low_priority);
@@ -40,7 +39,6 @@ class StreamTable {
   std::map<cudaStream_t, std::shared_ptr<Stream>> alive_;
   std::vector<std::shared_ptr<Stream>> draining_;  // destroyed with work pending
   std::shared_ptr<Stream> null_stream_ = std::make_shared<Stream>(true, false);
-  std::size_t next_handle_ = 0x1000;
 };
 
 StreamTable& streams();

@@ -3,6 +3,7 @@
 
 #include "api_call.h"
 #include "counter_store.h"
+#include "handles.h"
 #include "stream_table.h"
 
 namespace ostrel::host_cuda::detail {
@@ -14,8 +15,7 @@ StreamTable& streams() {
 
 cudaStream_t StreamTable::create(bool blocking, bool low_priority) {
   const std::lock_guard<std::mutex> lock(mutex_);
-  const auto handle = reinterpret_cast<cudaStream_t>(next_handle_);
-  next_handle_ += 16;
+  const auto handle = new_handle<cudaStream_t>();
   alive_.emplace(handle, std::make_shared<Stream>(blocking, low_priority));
   return handle;
 }
