@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "call_fault.h"
 #include "close_to.h"
 #include "training_fixture.h"
 
@@ -122,32 +123,24 @@ TEST_F(FilterTrainerFailures, MovedFromRefusesEverything) {
   EXPECT_TRUE(training_.run(taken, &out_, &error_)) << error_;
 }
 
-/// The n-th call of a name from the start of a job, and the label under which its failure is told.
-struct Fault {
-  const char* call;
-  int n;
-  const char* label;
-};
-
-std::string text_of(const Fault& fault) {
-  return std::string(fault.label) + ": " + cudaGetErrorString(cudaErrorUnknown);
-}
-
 TEST_F(FilterTrainerFailures, NamesEachFailedAllocationAndRecovers) {
   const auto live = host::counters();
-  for (const Fault& fault :
-       {Fault{"cudaMalloc", 1, "cudaMalloc features"}, Fault{"cudaMalloc", 2, "cudaMalloc labels"},
-        Fault{"cudaMalloc", 3, "cudaMalloc sample_weights"}, Fault{"cudaMalloc", 4, "cudaMalloc filter"},
-        Fault{"cudaMallocHost", 1, "cudaMallocHost filter"}, Fault{"cudaMalloc", 5, "cudaMalloc response"},
-        Fault{"cudaMalloc", 6, "cudaMalloc activation_grad"},
-        Fault{"cudaMalloc", 7, "cudaMalloc weighted_response"}, Fault{"cudaMalloc", 8, "cudaMalloc x"},
-        Fault{"cudaMalloc", 9, "cudaMalloc r"}, Fault{"cudaMalloc", 10, "cudaMalloc r_prev"},
-        Fault{"cudaMalloc", 11, "cudaMalloc p"}, Fault{"cudaMalloc", 12, "cudaMalloc q"},
-        Fault{"cudaMalloc", 13, "cudaMalloc scalar"}, Fault{"cudaMallocHost", 2, "cudaMallocHost scalar"}}) {
+  for (const CallFault& fault :
+       {CallFault{"cudaMalloc", 1, "cudaMalloc features"}, CallFault{"cudaMalloc", 2, "cudaMalloc labels"},
+        CallFault{"cudaMalloc", 3, "cudaMalloc sample_weights"},
+        CallFault{"cudaMalloc", 4, "cudaMalloc filter"},
+        CallFault{"cudaMallocHost", 1, "cudaMallocHost filter"},
+        CallFault{"cudaMalloc", 5, "cudaMalloc response"},
+        CallFault{"cudaMalloc", 6, "cudaMalloc activation_grad"},
+        CallFault{"cudaMalloc", 7, "cudaMalloc weighted_response"},
+        CallFault{"cudaMalloc", 8, "cudaMalloc x"}, CallFault{"cudaMalloc", 9, "cudaMalloc r"},
+        CallFault{"cudaMalloc", 10, "cudaMalloc r_prev"}, CallFault{"cudaMalloc", 11, "cudaMalloc p"},
+        CallFault{"cudaMalloc", 12, "cudaMalloc q"}, CallFault{"cudaMalloc", 13, "cudaMalloc scalar"},
+        CallFault{"cudaMallocHost", 2, "cudaMallocHost scalar"}}) {
     CudaFilterTrainer trainer;
     host::fail_call(fault.call, fault.n, cudaErrorUnknown);
     EXPECT_FALSE(training_.run(trainer, &out_, &error_)) << fault.label;
-    EXPECT_EQ(error_, text_of(fault));
+    EXPECT_EQ(error_, fault.text());
     EXPECT_EQ(out_, untouched_);
     std::vector<float> out;
     EXPECT_TRUE(training_.run(trainer, &out, &error_)) << error_;
@@ -158,7 +151,7 @@ TEST_F(FilterTrainerFailures, NamesEachFailedAllocationAndRecovers) {
 
 TEST_F(FilterTrainerFailures, FreesAGroupOfWhichOneMemberFailed) {
   struct Row {
-    Fault fault;
+    CallFault fault;
     int device_kept, pinned_kept;
   };
   for (const Row& row : {Row{{"cudaMallocHost", 1, ""}, 3, 0},  // the filter goes with its staging
@@ -184,10 +177,10 @@ TEST_F(FilterTrainerFailures, NamesFailuresOfItsStream) {
 
 TEST_F(FilterTrainerFailures, NamesFailuresOfRemakingItsStream) {
   const DeviceArray<float> features(training_.features);
-  const auto expect_fails = [&](const Fault& fault) {
+  const auto expect_fails = [&](const CallFault& fault) {
     host::fail_call(fault.call, fault.n, cudaErrorUnknown);
     EXPECT_FALSE(training_.run_on(trainer_, {features.get(), nullptr}, &out_, &error_));
-    EXPECT_EQ(error_, text_of(fault));
+    EXPECT_EQ(error_, fault.text());
   };
   expect_fails({"cudaStreamCreateWithFlags", 1, "cudaStreamCreate filter trainer"});
   ASSERT_TRUE(trainer_.ensure_capacity(2, 3, 6, 6, 4, 4, true, &error_)) << error_;
@@ -199,14 +192,14 @@ TEST_F(FilterTrainerFailures, NamesFailuresOfRemakingItsStream) {
 TEST_F(FilterTrainerFailures, NamesFailuresOfWaitingForTheFeatures) {
   const DeviceArray<float> features(training_.features);
   TestStream producer;
-  for (const Fault& fault :
-       {Fault{"cudaEventCreateWithFlags", 1, "cudaEventCreateWithFlags filter trainer ready"},
-        Fault{"cudaEventRecord", 1, "cudaEventRecord filter trainer ready"},
-        Fault{"cudaStreamWaitEvent", 1, "cudaStreamWaitEvent filter trainer ready"}}) {
+  for (const CallFault& fault :
+       {CallFault{"cudaEventCreateWithFlags", 1, "cudaEventCreateWithFlags filter trainer ready"},
+        CallFault{"cudaEventRecord", 1, "cudaEventRecord filter trainer ready"},
+        CallFault{"cudaStreamWaitEvent", 1, "cudaStreamWaitEvent filter trainer ready"}}) {
     const auto live = host::counters().live_events;
     host::fail_call(fault.call, fault.n, cudaErrorUnknown);
     EXPECT_FALSE(training_.run_on(trainer_, {features.get(), producer.get()}, &out_, &error_));
-    EXPECT_EQ(error_, text_of(fault));
+    EXPECT_EQ(error_, fault.text());
     EXPECT_EQ(host::counters().live_events, live);
   }
 }
@@ -219,11 +212,11 @@ class FilterTrainerQueueFailures : public FilterTrainerFailures {
     ASSERT_TRUE(trainer_.ensure_capacity(2, 3, 6, 6, 4, 4, true, &error_)) << error_;
   }
 
-  void expect_named(const Fault& fault) {
+  void expect_named(const CallFault& fault) {
     host::fail_call(fault.call, fault.n, cudaErrorUnknown);
     error_.clear();
     EXPECT_FALSE(training_.run(trainer_, &out_, &error_)) << fault.label;
-    EXPECT_EQ(error_, text_of(fault));
+    EXPECT_EQ(error_, fault.text());
     EXPECT_EQ(out_, untouched_);
     host::clear_faults();
     // The next job enters behind what the failed one left on the stream.
@@ -235,45 +228,46 @@ class FilterTrainerQueueFailures : public FilterTrainerFailures {
 };
 
 TEST_F(FilterTrainerQueueFailures, NamesEachCopyAndEachClearedArray) {
-  for (const Fault& fault : {Fault{"cudaMemcpyAsync", 1, "cudaMemcpyAsync features"},
-                             Fault{"cudaMemcpyAsync", 2, "cudaMemcpyAsync labels"},
-                             Fault{"cudaMemcpyAsync", 3, "cudaMemcpyAsync sample_weights"},
-                             Fault{"cudaMemcpyAsync", 4, "cudaMemcpyAsync filter"},
-                             Fault{"cudaMemcpyAsync", 5, "cudaMemcpyAsync p"},
-                             Fault{"cudaMemcpyAsync", 6, "cudaMemcpyAsync r_prev"},
-                             Fault{"cudaMemcpyAsync", 7, "cudaMemcpyAsync r_prev"},
-                             Fault{"cudaMemcpyAsync", 8, "cudaMemcpyAsync optimized filter"},
-                             Fault{"cudaStreamSynchronize", 1, "cudaStreamSynchronize optimized filter"},
-                             Fault{"cudaMemsetAsync", 1, "cudaMemsetAsync x"},
-                             Fault{"cudaMemsetAsync", 2, "cudaMemsetAsync scalar rho"},
-                             Fault{"cudaMemsetAsync", 3, "cudaMemsetAsync scalar pq"},
-                             Fault{"cudaMemsetAsync", 4, "cudaMemsetAsync scalar rho"},
-                             Fault{"cudaMemsetAsync", 5, "cudaMemsetAsync scalar rho2"},
-                             Fault{"cudaMemsetAsync", 6, "cudaMemsetAsync scalar pq"}}) {
+  for (const CallFault& fault :
+       {CallFault{"cudaMemcpyAsync", 1, "cudaMemcpyAsync features"},
+        CallFault{"cudaMemcpyAsync", 2, "cudaMemcpyAsync labels"},
+        CallFault{"cudaMemcpyAsync", 3, "cudaMemcpyAsync sample_weights"},
+        CallFault{"cudaMemcpyAsync", 4, "cudaMemcpyAsync filter"},
+        CallFault{"cudaMemcpyAsync", 5, "cudaMemcpyAsync p"},
+        CallFault{"cudaMemcpyAsync", 6, "cudaMemcpyAsync r_prev"},
+        CallFault{"cudaMemcpyAsync", 7, "cudaMemcpyAsync r_prev"},
+        CallFault{"cudaMemcpyAsync", 8, "cudaMemcpyAsync optimized filter"},
+        CallFault{"cudaStreamSynchronize", 1, "cudaStreamSynchronize optimized filter"},
+        CallFault{"cudaMemsetAsync", 1, "cudaMemsetAsync x"},
+        CallFault{"cudaMemsetAsync", 2, "cudaMemsetAsync scalar rho"},
+        CallFault{"cudaMemsetAsync", 3, "cudaMemsetAsync scalar pq"},
+        CallFault{"cudaMemsetAsync", 4, "cudaMemsetAsync scalar rho"},
+        CallFault{"cudaMemsetAsync", 5, "cudaMemsetAsync scalar rho2"},
+        CallFault{"cudaMemsetAsync", 6, "cudaMemsetAsync scalar pq"}}) {
     expect_named(fault);
   }
 }
 
 TEST_F(FilterTrainerQueueFailures, NamesEachLaunchByItsPlace) {
   const char* const classify = "classify_samples_fixed_filter_kernel<4,4>";
-  for (const Fault& fault :
-       {Fault{classify, 1, "classify_samples_fixed_filter_kernel<4,4> rhs"},
-        Fault{classify, 2, "classify_samples_fixed_filter_kernel<4,4> q"},
-        Fault{"compute_weighted_residual_grad_kernel", 1, "compute_weighted_residual_grad_kernel"},
-        Fault{"set_scaled_vector_kernel", 1, "set_scaled_vector_kernel rhs"},
-        Fault{"set_scaled_vector_kernel", 2, "set_scaled_vector_kernel q"},
-        Fault{"accumulate_filter_gradient_kernel", 1, "accumulate_filter_gradient_kernel rhs"},
-        Fault{"accumulate_filter_gradient_kernel", 3, "accumulate_filter_gradient_kernel q"},
-        Fault{"dot_product_kernel", 1, "dot_product_kernel rho"},
-        Fault{"dot_product_kernel", 2, "dot_product_kernel pq"},
-        Fault{"dot_product_kernel", 3, "dot_product_kernel rho"},
-        Fault{"dot_product_kernel", 4, "dot_product_kernel rho2"},
-        Fault{"dot_product_kernel", 5, "dot_product_kernel pq"},
-        Fault{"combine_with_beta_from_scalars_kernel", 1, "combine_with_beta_from_scalars_kernel"},
-        Fault{"compute_weighted_jtj_response_kernel", 2, "compute_weighted_jtj_response_kernel"},
-        Fault{"update_x_r_from_scalars_kernel", 1, "update_x_r_from_scalars_kernel"},
-        Fault{"store_scalar_kernel", 2, "store_scalar_kernel"},
-        Fault{"add_in_place_kernel", 1, "add_in_place_kernel"}}) {
+  for (const CallFault& fault :
+       {CallFault{classify, 1, "classify_samples_fixed_filter_kernel<4,4> rhs"},
+        CallFault{classify, 2, "classify_samples_fixed_filter_kernel<4,4> q"},
+        CallFault{"compute_weighted_residual_grad_kernel", 1, "compute_weighted_residual_grad_kernel"},
+        CallFault{"set_scaled_vector_kernel", 1, "set_scaled_vector_kernel rhs"},
+        CallFault{"set_scaled_vector_kernel", 2, "set_scaled_vector_kernel q"},
+        CallFault{"accumulate_filter_gradient_kernel", 1, "accumulate_filter_gradient_kernel rhs"},
+        CallFault{"accumulate_filter_gradient_kernel", 3, "accumulate_filter_gradient_kernel q"},
+        CallFault{"dot_product_kernel", 1, "dot_product_kernel rho"},
+        CallFault{"dot_product_kernel", 2, "dot_product_kernel pq"},
+        CallFault{"dot_product_kernel", 3, "dot_product_kernel rho"},
+        CallFault{"dot_product_kernel", 4, "dot_product_kernel rho2"},
+        CallFault{"dot_product_kernel", 5, "dot_product_kernel pq"},
+        CallFault{"combine_with_beta_from_scalars_kernel", 1, "combine_with_beta_from_scalars_kernel"},
+        CallFault{"compute_weighted_jtj_response_kernel", 2, "compute_weighted_jtj_response_kernel"},
+        CallFault{"update_x_r_from_scalars_kernel", 1, "update_x_r_from_scalars_kernel"},
+        CallFault{"store_scalar_kernel", 2, "store_scalar_kernel"},
+        CallFault{"add_in_place_kernel", 1, "add_in_place_kernel"}}) {
     expect_named(fault);
   }
 }
