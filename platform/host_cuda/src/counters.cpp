@@ -2,6 +2,8 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "counter_store.h"
 
@@ -14,6 +16,8 @@ struct CounterStore {
   std::mutex mutex;
   Counters plain;  // its maps stay empty: looking up by string_view allocates nothing
   ByName calls, launches, enqueued;
+  bool tracing = false;
+  std::vector<std::string> trace;
 };
 
 CounterStore& store() {
@@ -21,9 +25,15 @@ CounterStore& store() {
   return counters;
 }
 
+// The two calls that are part of every launch.
+bool belongs_to_a_launch(std::string_view name) {
+  return name == "cudaLaunchKernel" || name == "cudaGetLastError";
+}
+
 void add_one(ByName CounterStore::*names, const char* name) {
   CounterStore& counters = store();
   const std::lock_guard<std::mutex> lock(counters.mutex);
+  if (counters.tracing && !belongs_to_a_launch(name)) counters.trace.emplace_back(name);
   const auto found = (counters.*names).find(std::string_view(name));
   if (found != (counters.*names).end()) {
     ++found->second;
@@ -77,6 +87,20 @@ void reset_counters() {
   counters.plain.blocking_copies = 0;
   counters.plain.null_stream_work = 0;
   counters.plain.frees_while_work_pending = 0;
+}
+
+void start_trace() {
+  CounterStore& counters = store();
+  const std::lock_guard<std::mutex> lock(counters.mutex);
+  counters.trace.clear();
+  counters.tracing = true;
+}
+
+std::vector<std::string> stop_trace() {
+  CounterStore& counters = store();
+  const std::lock_guard<std::mutex> lock(counters.mutex);
+  counters.tracing = false;
+  return std::move(counters.trace);
 }
 
 namespace detail {

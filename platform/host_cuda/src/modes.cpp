@@ -11,6 +11,11 @@
 namespace ostrel::host_cuda {
 namespace {
 
+[[noreturn]] void unknown_value(const char* variable, const char* value) {
+  std::fprintf(stderr, "host_cuda: %s has the unknown value '%s'\n", variable, value);
+  std::_Exit(2);
+}
+
 // Value of an environment variable that must be one of `words`: its place there, 0 when it is not set.
 int choice_from_environment(const char* variable, std::initializer_list<const char*> words) {
   const char* value = std::getenv(variable);
@@ -20,8 +25,20 @@ int choice_from_environment(const char* variable, std::initializer_list<const ch
     if (std::string(word) == value) return place;
     ++place;
   }
-  std::fprintf(stderr, "host_cuda: %s has the unknown value '%s'\n", variable, value);
-  std::_Exit(2);
+  unknown_value(variable, value);
+}
+
+// A count of at least 1 from an environment variable; `otherwise` when it is not set.
+int count_from_environment(const char* variable, int otherwise) {
+  const char* value = std::getenv(variable);
+  if (value == nullptr || *value == '\0') return otherwise;
+  const int count = std::atoi(value);
+  if (count < 1) unknown_value(variable, value);
+  return count;
+}
+
+int cores_of_the_machine() {
+  return std::max(1, static_cast<int>(std::thread::hardware_concurrency()));
 }
 
 struct Modes {
@@ -35,7 +52,7 @@ struct Modes {
             static_cast<StreamMode>(choice_from_environment("OSTREL_STREAM_MODE", {"eager", "deferred"}))),
         thread_order(static_cast<ThreadOrder>(
             choice_from_environment("OSTREL_THREAD_ORDER", {"forward", "reverse", "shuffled"}))),
-        worker_count(std::max(1, static_cast<int>(std::thread::hardware_concurrency()))) {}
+        worker_count(count_from_environment("OSTREL_WORKER_COUNT", cores_of_the_machine())) {}
 };
 
 Modes& modes() {

@@ -1,11 +1,19 @@
+#include <cuda_launch.h>
 #include <nvtx3/nvToolsExt.h>
+
+#include <string>
+#include <vector>
 
 #include "platform/host_cuda/host_cuda_test.h"
 
 namespace host_cuda_test {
 namespace {
 
+using ostrel::launch::launch_kernel;
+
 using CounterRules = HostCudaTest;
+
+__global__ void noop_kernel(int* /*value*/) {}
 
 TEST_F(CounterRules, CountCallsByNameFailedOnesToo) {
   int device = -1;
@@ -72,6 +80,22 @@ TEST_F(CounterRules, CountLiveStreamsAndEvents) {
   }
   EXPECT_EQ(counters().live_streams, 0);
   EXPECT_EQ(counters().live_events, 0);
+}
+
+TEST_F(CounterRules, TraceKeepsTheOrderOfCallsAndLaunches) {
+  const DeviceArray<int> value(1);
+  const TestStream stream;
+  EXPECT_EQ(cudaStreamSynchronize(stream), cudaSuccess);
+  start_trace();
+  EXPECT_EQ(cudaMemsetAsync(value.data(), 0, sizeof(int), stream), cudaSuccess);
+  EXPECT_EQ(launch_kernel("noop_kernel", noop_kernel, 1, 1, 0, stream, value.data()), cudaSuccess);
+  EXPECT_EQ(enqueue(stream, "network", [] {}), cudaSuccess);
+  EXPECT_EQ(cudaStreamSynchronize(stream), cudaSuccess);
+  const std::vector<std::string> expected = {"cudaMemsetAsync", "noop_kernel", "network",
+                                             "cudaStreamSynchronize"};
+  EXPECT_EQ(stop_trace(), expected);
+  EXPECT_EQ(cudaStreamSynchronize(stream), cudaSuccess);
+  EXPECT_TRUE(stop_trace().empty()) << "nothing is noted any more";
 }
 
 TEST_F(CounterRules, ProfilerMarksCountNothing) {

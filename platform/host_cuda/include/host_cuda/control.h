@@ -73,6 +73,13 @@ struct Counters {
 Counters counters();
 void reset_counters();
 
+// Notes the names of calls and of launched kernels from now on, in the order of the whole process. A launch is one
+// entry, the kernel's name.
+void start_trace();
+
+// Ends the notes and returns them.
+std::vector<std::string> stop_trace();
+
 // --- Modes
 // --------------------------------------------------------------------------------------------------
 
@@ -93,7 +100,7 @@ void set_thread_order(ThreadOrder order);
 bool tuned_kernels();
 void set_tuned_kernels(bool enabled);
 
-// Cores that a launch may use, at least 1; by default those of the machine.
+// Cores that a launch may use, at least 1; OSTREL_WORKER_COUNT at the start, else those of the machine.
 int worker_count();
 void set_worker_count(int count);
 
