@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 #include <opencv2/core.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,8 @@ struct Candidate;
 struct FrameDecision;
 struct FramePath;
 struct FrameTimings;
+struct TrainingJob;
+struct TrainingTask;
 
 /// The tracker: backbone engine, learned projection, a small filter trained online, multi-scale search.
 ///
@@ -59,6 +62,9 @@ class CudaRuntimeBackend final : public AtomRuntimeBackend, private TargetState 
 
   // cuda_runtime_backend.cpp
   std::string not_implemented_error_(const char* stage) const;
+  void report_correction_(const char* event, const char* word, float rel_scale, base::BBox* bbox,
+                          std::string* status);
+  void take_config_(const NativeCppBackend::Config& taken);
 
   // gpu/cuda_runtime_backend_trt*.cpp: the engine, its workers and the forward paths.
   bool initialize_runtime_(std::string* error);
@@ -96,11 +102,22 @@ class CudaRuntimeBackend final : public AtomRuntimeBackend, private TargetState 
   // cuda_runtime_backend_training.cpp: the sample memory under its lock, and the training jobs.
   bool batch_init_memory_(const std::vector<FeatureMap>& features, const std::vector<LabelMap>& labels);
   bool store_training_sample_(const FeatureMap& feature, const LabelMap& label, float learning_rate);
+  /// Starts a training unless one is running; never blocks on a solve.
   void train_filter_async_(int iterations, int sample_cap, const char* reason, int frame);
   bool train_filter_from_memory_(int iterations, int sample_cap, int* selected_out, int* stored_out);
   bool train_filter_from_device_batch_(const float* device_features, cudaStream_t stream,
                                        const std::vector<LabelMap>& labels, int sample_count, int channels,
                                        int height, int width, int iterations, std::string* error);
+  /// Waits for the job last started and forgets it; the text of the exception that it ended with, if any.
+  std::optional<std::string> collect_training_job_();
+  void run_training_job_(const TrainingJob& job);
+  /// Stored samples, -1 while memory or filter is missing.
+  int trainable_samples_() const;
+  bool snapshot_training_(int sample_cap, TrainingTask* task) const;
+  bool snapshot_filter_(int channels, TrainingTask* task) const;
+  bool ensure_filter_trainer_();
+  float training_regularization_() const;
+  bool adopt_filter_(std::vector<float> filter);
 
   // cuda_runtime_backend_init*.cpp: a frame and a box become a running tracker.
   bool finalize_init_training_(const std::vector<FeatureMap>& features, const std::vector<LabelMap>& labels,

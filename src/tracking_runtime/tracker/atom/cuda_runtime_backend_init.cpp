@@ -2,7 +2,8 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <exception>
+#include <optional>
+#include <string>
 
 #include "tracking_runtime/tracker/atom/cuda_runtime_backend.h"
 #include "tracking_runtime/tracker/atom/frame_rect.h"
@@ -41,15 +42,8 @@ bool InitPipeline::run() {
 
 void InitPipeline::wait_for_previous_training() {
   const StageClock clock;
-  if (backend.training_future.valid()) {
-    try {
-      backend.training_future.get();
-    } catch (const std::exception& exception) {
-      std::fprintf(stderr, "[CudaRuntimeBackend][train] initialize previous_job_exception=%s\n",
-                   exception.what());
-    } catch (...) {
-      std::fprintf(stderr, "[CudaRuntimeBackend][train] initialize previous_job_exception=unknown\n");
-    }
+  if (const std::optional<std::string> text = backend.collect_training_job_()) {
+    std::fprintf(stderr, "[CudaRuntimeBackend][train] initialize previous_job_exception=%s\n", text->c_str());
   }
   timings.wait_prev_train += clock.elapsed_ms();
 }

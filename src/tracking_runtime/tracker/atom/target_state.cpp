@@ -12,7 +12,6 @@ namespace {
 
 constexpr float kMinSide_px = 2.0F;
 constexpr float kMinStartSide_px = 10.0F;  // the scale bounds keep the target at least this large
-constexpr float kMinScale = 1e-6F;
 constexpr float kMinRatio = 0.001F;
 constexpr float kMinSeedVariance = 1e-4F;
 constexpr float kMinNoise = 1e-8F;
@@ -59,7 +58,7 @@ void TargetState::derive_scale_at_start_(const cv::Rect_<int>& box) {
   const cv::Size_<float> search_area = at_least(start_size * config.search_area_factor, 1.0F);
   const float patch_side = std::sqrt(search_area.width * search_area.height);
   const float scale = patch_side / static_cast<float>(std::max(config.search_size, 1));
-  const bool usable = scale > kMinScale && std::isfinite(scale);
+  const bool usable = scale > kMinTargetScale && std::isfinite(scale);
   target_scale = usable ? scale : 1.0F;
   base_target_size = at_least(start_size / target_scale, kMinSide_px);
 
@@ -78,7 +77,7 @@ float TargetState::clamp_target_scale_physical_(float scale) const {
 
 float TargetState::clamp_target_scale_(float scale) const {
   const float physical = clamp_target_scale_physical_(scale);
-  if (!(initial_target_scale > kMinScale)) return physical;
+  if (!(initial_target_scale > kMinTargetScale)) return physical;
   const auto [smaller, larger] =
       std::minmax({config.min_ratio_from_initial_size, config.max_ratio_from_initial_size});
   const float low = std::max(smaller, kMinRatio);
@@ -98,7 +97,7 @@ void TargetState::reset_scale_kalman_() {
 
 void TargetState::seed_scale_kalman_(float scale) {
   scale_kalman_seeded = true;
-  scale_log = std::log(std::max(clamp_target_scale_(scale), kMinScale));
+  scale_log = std::log(std::max(clamp_target_scale_(scale), kMinTargetScale));
   scale_log_velocity = 0.0F;
   scale_p01 = 0.0F;
   scale_p10 = 0.0F;
@@ -108,7 +107,7 @@ void TargetState::seed_scale_kalman_(float scale) {
 }
 
 float TargetState::filter_target_scale_(float scale) {
-  const float measured = std::max(clamp_target_scale_(scale), kMinScale);
+  const float measured = std::max(clamp_target_scale_(scale), kMinTargetScale);
   if (!config.enable_scale_predictor) return measured;
   if (!scale_kalman_seeded) {
     seed_scale_kalman_(measured);
@@ -162,7 +161,7 @@ base::BBox TargetState::bboxf_from_state_(const cv::Size_<int>& frame_size) cons
 void TargetState::apply_external_state_(const cv::Point_<float>& position, const std::optional<float>& scale,
                                         const cv::Size_<int>& frame_size, bool physical) {
   if (scale) {
-    const float wanted = std::max(kMinScale, *scale);
+    const float wanted = std::max(kMinTargetScale, *scale);
     // A physical correction re-centres the ratio clamp on the new scale.
     const float taken = physical ? clamp_target_scale_physical_(wanted) : clamp_target_scale_(wanted);
     if (physical) initial_target_scale = taken;

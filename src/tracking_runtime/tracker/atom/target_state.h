@@ -8,6 +8,9 @@
 
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
 
+/// Scales below this are floored to it, or taken as none at all.
+inline constexpr float kMinTargetScale = 1e-6F;
+
 /// The target as numbers: centre, size, one scale that ties them to a reference size, and the recovery mode.
 /// The published box is always derived from it. No lock: one thread tracks, and no training job reads it.
 /// Frame pixels throughout; `target_scale` is frame pixels per pixel of the network input.

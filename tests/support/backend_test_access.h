@@ -1,0 +1,70 @@
+#pragma once
+
+#include <atomic>
+#include <future>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tracking_runtime/tracker/atom/cuda_runtime_backend.h"
+#include "tracking_runtime/tracker/atom/gpu/cuda_filter_trainer.h"
+
+namespace ostrel_tracker::tracking_runtime::tracker::atom {
+
+/// The backend's private members, for tests: state to look at and to set up, and steps to run alone.
+struct CudaRuntimeBackendTestAccess {
+  using Backend = CudaRuntimeBackend;
+
+  static TargetState& state(Backend& backend) { return backend; }
+  static ClassifierState& weights(Backend& backend) { return backend.weights; }
+  static SampleMemory& memory(Backend& backend) { return backend.memory; }
+  static std::mutex& state_mutex(Backend& backend) { return backend.state_mutex; }
+  static std::mutex& filter_trainer_mutex(Backend& backend) { return backend.filter_trainer_mutex; }
+  static std::unique_ptr<CudaFilterTrainer>& filter_trainer(Backend& backend) {
+    return backend.filter_trainer;
+  }
+  static std::unique_ptr<ReferenceTraceWriter>& trace_writer(Backend& backend) {
+    return backend.trace_writer;
+  }
+  static std::atomic<bool>& training_in_flight(Backend& backend) { return backend.training_in_flight; }
+  static std::atomic<int>& training_job_counter(Backend& backend) { return backend.training_job_counter; }
+  static std::atomic<int>& active_training_job(Backend& backend) { return backend.active_training_job; }
+  static std::future<void>& training_future(Backend& backend) { return backend.training_future; }
+
+  static std::string not_implemented_error(const Backend& backend, const char* stage) {
+    return backend.not_implemented_error_(stage);
+  }
+  static bool batch_init_memory(Backend& backend, const std::vector<FeatureMap>& features,
+                                const std::vector<LabelMap>& labels) {
+    return backend.batch_init_memory_(features, labels);
+  }
+  static bool store_training_sample(Backend& backend, const FeatureMap& feature, const LabelMap& label,
+                                    float learning_rate) {
+    return backend.store_training_sample_(feature, label, learning_rate);
+  }
+  static void train_filter_async(Backend& backend, int iterations, int sample_cap, const char* reason,
+                                 int frame) {
+    backend.train_filter_async_(iterations, sample_cap, reason, frame);
+  }
+  static bool train_filter_from_memory(Backend& backend, int iterations, int sample_cap, int* selected,
+                                       int* stored) {
+    return backend.train_filter_from_memory_(iterations, sample_cap, selected, stored);
+  }
+  template <typename... Arguments>
+  static bool train_filter_from_device_batch(Backend& backend, Arguments&&... arguments) {
+    return backend.train_filter_from_device_batch_(std::forward<Arguments>(arguments)...);
+  }
+  static std::optional<std::string> collect_training_job(Backend& backend) {
+    return backend.collect_training_job_();
+  }
+  static bool adopt_filter(Backend& backend, std::vector<float> filter) {
+    return backend.adopt_filter_(std::move(filter));
+  }
+  static cv::Mat classify_feature(const Backend& backend, const FeatureMap& feature) {
+    return backend.classify_feature_(feature);
+  }
+};
+
+}  // namespace ostrel_tracker::tracking_runtime::tracker::atom
