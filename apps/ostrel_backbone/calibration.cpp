@@ -50,14 +50,17 @@ void scale_output(Convolution* convolution, double scale) {
 
 // Centres and scales every output channel; returns the calibrated convolution's output.
 FeaturePlanes normalise(Convolution* convolution, const FeaturePlanes& source, double deviation) {
-  const FeaturePlanes raw = convolve(source, *convolution);
+  FeaturePlanes planes = convolve(source, *convolution);
   for (int out = 0; out < convolution->out_channels; ++out) {
-    const Moments found = moments(raw.plane(out), raw.plane_size());
+    double* const values = planes.plane(out);
+    const Moments found = moments(values, planes.plane_size());
     const double scale = on_grid(deviation / std::max(found.deviation, kSmallestDeviation));
+    const double shift = on_grid(-found.mean * scale);
     scale_filter(convolution, out, scale);
-    convolution->bias[static_cast<std::size_t>(out)] = static_cast<float>(on_grid(-found.mean * scale));
+    convolution->bias[static_cast<std::size_t>(out)] = static_cast<float>(shift);
+    for (std::size_t i = 0; i < planes.plane_size(); ++i) values[i] = values[i] * scale + shift;
   }
-  return convolve(source, *convolution);
+  return planes;
 }
 
 FeaturePlanes run_block(const ResidualBlock& block, const FeaturePlanes& source) {
@@ -145,14 +148,12 @@ void calibrate(TrunkNetwork* network, const FeaturePlanes& picture) {
   rectify(&planes);
   planes = max_pool(planes, kPoolKernel, kPoolStride);
   for (Stage& stage : network->stages) {
-    FeaturePlanes target = planes;
-    for (ResidualBlock& block : stage.blocks) target = calibrate_block(&block, target);
-    // A stage without a convolution in its shortcut cannot be scaled; its input carries the scale.
-    if (stage.blocks.front().has_shortcut)
-      scale_stage(&stage, on_grid(kOutputRms / root_mean_square(target)));
-    target = planes;
-    for (const ResidualBlock& block : stage.blocks) target = run_block(block, target);
-    planes = std::move(target);
+    for (ResidualBlock& block : stage.blocks) planes = calibrate_block(&block, planes);
+    // Without a convolution in its first shortcut a stage would have to scale its input; that is no output's stage.
+    if (!stage.blocks.front().has_shortcut) continue;
+    const double scale = on_grid(kOutputRms / root_mean_square(planes));
+    scale_stage(&stage, scale);
+    for (double& value : planes.values) value *= scale;
   }
 }
 
