@@ -1,0 +1,112 @@
+// ostrel_host: loads the tracker's plug-in as a host does, and drives it.
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+#include <string>
+
+#include "accuracy.h"
+#include "bad_input.h"
+#include "render_command.h"
+#include "track_command.h"
+
+namespace {
+
+using namespace ostrel_host;
+
+constexpr int kExitFailure = 1;
+
+struct Commands {
+  TrackOptions track;
+  RenderOptions render;
+  std::string scene_size;
+  std::string boxes;
+  std::string truth;
+};
+
+std::string rate_problem(const std::string& text) {
+  double rate = 0.0;
+  const bool number = CLI::detail::lexical_cast(text, rate);
+  return number && rate > 0.0 && rate <= 1000.0 ? ""
+                                                : "a rate above 0 and up to 1000 frames per second is needed";
+}
+
+CLI::App* declare_track(CLI::App* app, TrackOptions* options) {
+  CLI::App* track = app->add_subcommand("track", "Follow a target through a clip");
+  track->add_option("source", options->source, "A video, a folder of images, or camera:N")->required();
+  track->add_option("--roi", options->region, "The target in the first frame: x,y,w,h in pixels")->required();
+  track->add_option("--engine", options->engine, "The backbone");
+  track->add_option("--config", options->config_file, "A JSON file for the plug-in's setConfig");
+  track->add_option("--set", options->settings, "One setting of it: path=value, may be repeated")->take_all();
+  track->add_flag("--wait-ready", options->wait_ready, "Repeat the first frame until tracking is armed");
+  track->add_option("--fps", options->frame_rate, "Pace the frames as a camera would")->check(rate_problem);
+  track->add_option("--out", options->out, "Folder for the results (default out)");
+  track->add_option("--frames", options->frames, "Stop after so many frames")->check(CLI::Range(1, 1 << 30));
+  track->add_option("--plugin", options->plugin, "The plug-in (default ../lib/libostrel_plugin.so)");
+  track->add_option("--groundtruth", options->groundtruth, "A box per frame, to score the result against");
+  track->add_flag("!--no-video", options->video, "Leave annotated.mp4 out");
+  track->add_flag("--debug", options->debug, "Show the plug-in's own log");
+  return track;
+}
+
+CLI::App* declare_render(CLI::App* app, Commands* commands) {
+  CLI::App* render = app->add_subcommand("render", "Write a rendered clip with its ground truth");
+  auto& scene = commands->render.scene;
+  render->add_option("--out", commands->render.out, "clip.mp4, or a folder for images")->required();
+  render->add_option("--frames", scene.frames, "Frames (default 240)")->check(CLI::Range(1, 1000000));
+  render->add_option("--seed", scene.seed, "Seed of textures and motion (default 1)");
+  render->add_option("--size", commands->scene_size, "Size as WxH (default 640x360)");
+  return render;
+}
+
+CLI::App* declare_score(CLI::App* app, Commands* commands) {
+  CLI::App* score = app->add_subcommand("score", "Score boxes against ground truth");
+  score->add_option("boxes", commands->boxes, "boxes.txt of a run")->required();
+  score->add_option("groundtruth", commands->truth, "The true boxes, a line x,y,w,h per frame")->required();
+  return score;
+}
+
+int run_score(const std::string& boxes_file, const std::string& truth_file) {
+  const auto boxes = read_boxes(boxes_file);
+  const auto truth = read_boxes(truth_file);
+  if (boxes.size() != truth.size()) {
+    std::fprintf(stderr, "ostrel_host: %zu boxes and %zu true boxes: the rest is left out\n", boxes.size(),
+                 truth.size());
+  }
+  std::printf("%s\n", to_line(score_boxes(boxes, truth)).c_str());
+  return 0;
+}
+
+int run(CLI::App* app, int argc, char** argv) {
+  Commands commands;
+  CLI::App* track = declare_track(app, &commands.track);
+  CLI::App* render = declare_render(app, &commands);
+  declare_score(app, &commands);
+  app->parse(argc, argv);
+  if (track->parsed()) return run_track(commands.track);
+  if (!render->parsed()) return run_score(commands.boxes, commands.truth);
+  if (!commands.scene_size.empty()) parse_size(commands.scene_size, &commands.render.scene);
+  return run_render(commands.render);
+}
+
+int complain(const std::string& what, int exit_code) {
+  std::fprintf(stderr, "ostrel_host: %s\n", what.c_str());
+  return exit_code;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{"Follows a target in video with the tracker's plug-in", "ostrel_host"};
+  app.require_subcommand(1);
+  try {
+    return run(&app, argc, argv);
+  } catch (const CLI::ParseError& failure) {
+    if (failure.get_exit_code() == 0) return app.exit(failure);
+    return complain(failure.what(), kExitBadInput);
+  } catch (const BadInput& failure) {
+    return complain(failure.what(), kExitBadInput);
+  } catch (const std::exception& failure) {
+    return complain(failure.what(), kExitFailure);
+  }
+}

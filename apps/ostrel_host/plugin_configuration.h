@@ -1,0 +1,23 @@
+// The configuration that --config and --set hand to the plug-in.
+#pragma once
+
+#include <IAlgoPlugin.h>
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+namespace ostrel_host {
+
+// The object of `file` (none when empty) with the settings "path=value" on top, such as
+// "learning/update_iterations=20"; a value that is no JSON is taken as text. Throws BadInput for a file that cannot be
+// read, text that is no JSON object, and a setting without a path or "=".
+nlohmann::json build_configuration(const std::string& file, const std::vector<std::string>& settings);
+
+// Hands a document to `setConfig`. Throws BadInput for a setting that the plug-in's schema does not know, for what
+// setConfig throws, and where the plug-in does not take configurations at all: setConfig has no answer of its own,
+// so `debug/log_every_n_frames`, which `property` shows, is changed and set back to see. An empty document does
+// nothing.
+void apply_configuration(IAlgoPlugin& plugin, const nlohmann::json& document);
+
+}  // namespace ostrel_host

@@ -1,0 +1,85 @@
+#include "plugin_session.h"
+
+#include <optrix/optrix_picture.h>
+
+#include <chrono>
+#include <stdexcept>
+#include <thread>
+
+#include "bad_input.h"
+#include "region.h"
+
+namespace ostrel_host {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds kPollInterval{2};
+
+double milliseconds_since(Clock::time_point start) {
+  return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+}  // namespace
+
+PluginSession::PluginSession(IAlgoPlugin& plugin, bool verbose) : plugin_(plugin), verbose_(verbose) {}
+
+IAlgoPlugin::Pictures PluginSession::pictures_of(const Frame& frame) {
+  if (frame.image.empty()) return {};
+  std::string error;
+  auto picture = optrix::OptrixPicture::fromBgr(
+      {frame.image.data, frame.image.cols, frame.image.rows, frame.image.step[0]}, optrix::PixelFormat::kNv12,
+      &error);
+  if (picture == nullptr) throw std::runtime_error("a frame cannot be handed to the device: " + error);
+  picture->setTimestamp(frame.timestamp_ns);
+  return {std::move(picture)};
+}
+
+double PluginSession::start(const Frame& frame, const BBox& region) {
+  const auto pictures = pictures_of(frame);
+  startup_log_ = std::make_unique<StartupLog>(plugin_, verbose_);
+  bool ok = false;
+  const auto start = Clock::now();
+  plugin_.init(pictures, region, &ok);
+  const double init_ms = milliseconds_since(start);
+  if (!ok) {
+    throw BadInput("the plug-in refused the region " + to_text(region) + ": " +
+                   parse_state(plugin_.property("")).status);
+  }
+  return init_ms;
+}
+
+StepResult PluginSession::step(const Frame& frame) {
+  const auto pictures = pictures_of(frame);
+  if (startup_log_ != nullptr) startup_log_->before_update();
+  bool ok = false;
+  const auto start = Clock::now();
+  const auto outputs = plugin_.update(pictures, &ok);
+  StepResult result;
+  result.update_ms = milliseconds_since(start);
+  if (startup_log_ != nullptr) startup_log_->after_update();
+  result.published = published_detection(outputs);
+  result.state = parse_state(plugin_.property(""));
+  return result;
+}
+
+bool PluginSession::armed(const PluginState& state) {
+  if (state.phase == "failed") {
+    const std::string cause = StartupLog::cause();
+    throw BadInput("tracking could not start: " + (cause.empty() ? state.status : cause));
+  }
+  if (state.phase != "ready") return false;
+  if (!verbose_) startup_log_.reset();
+  return true;
+}
+
+StepResult PluginSession::settle() {
+  StepResult result = step({});
+  while (!armed(result.state) && result.state.phase == "warming_up") {
+    std::this_thread::sleep_for(kPollInterval);
+    result = step({});
+  }
+  return result;
+}
+
+}  // namespace ostrel_host

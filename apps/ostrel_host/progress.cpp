@@ -1,0 +1,66 @@
+#include "progress.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+
+namespace ostrel_host {
+namespace {
+
+constexpr std::size_t kBarCells = 24;
+constexpr std::chrono::milliseconds kRedrawInterval{100};
+
+std::string bar(std::size_t done, std::size_t total) {
+  const std::size_t filled = std::min(kBarCells, kBarCells * done / total);
+  std::string cells(filled, '=');
+  if (filled < kBarCells) cells += '>';
+  cells.resize(kBarCells, ' ');
+  return "[" + cells + "] ";
+}
+
+}  // namespace
+
+std::string progress_line(std::size_t done, std::size_t total, double frames_per_second,
+                          const StepResult& result) {
+  std::string line = total > 0 ? bar(done, total) : "";
+  line += std::to_string(done) + (total > 0 ? "/" + std::to_string(total) : "");
+  char tail[160];
+  std::snprintf(tail, sizeof tail, "  %.1f fps  %s", frames_per_second, result.state.status.c_str());
+  line += tail;
+  if (result.published) {
+    std::snprintf(tail, sizeof tail, " %.2f", result.published->score);
+    line += tail;
+  }
+  return line;
+}
+
+Progress::Progress(std::size_t total) : total_(total), interactive_(isatty(STDERR_FILENO) != 0) {}
+
+void Progress::waiting(const StepResult& result) {
+  show("waiting: " + result.state.status, result);
+}
+
+void Progress::frame(std::size_t done, double frames_per_second, const StepResult& result) {
+  show(progress_line(done, total_, frames_per_second, result), result);
+}
+
+void Progress::show(const std::string& line, const StepResult& result) {
+  const bool changed = result.state.status != last_status_;
+  last_status_ = result.state.status;
+  if (!interactive_) {
+    if (changed) std::fprintf(stderr, "%s\n", line.c_str());
+    return;
+  }
+  const auto now = std::chrono::steady_clock::now();
+  if (!changed && now - last_drawn_ < kRedrawInterval) return;
+  last_drawn_ = now;
+  std::fprintf(stderr, "\r%s\x1b[K", line.c_str());
+  std::fflush(stderr);
+}
+
+void Progress::finish() {
+  if (interactive_) std::fputc('\n', stderr);
+}
+
+}  // namespace ostrel_host

@@ -1,0 +1,35 @@
+// Progress on the terminal, on standard error: a bar that is redrawn where that is a terminal, else a line whenever the
+// status word changes.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+
+#include "plugin_session.h"
+
+namespace ostrel_host {
+
+// "[=====>    ] 120/240  28.4 fps  track_ok 0.71"; without a total the bar is left out.
+std::string progress_line(std::size_t done, std::size_t total, double frames_per_second,
+                          const StepResult& result);
+
+class Progress {
+ public:
+  // `total` is 0 where it is not known.
+  explicit Progress(std::size_t total);
+
+  void waiting(const StepResult& result);
+  void frame(std::size_t done, double frames_per_second, const StepResult& result);
+  void finish();
+
+ private:
+  void show(const std::string& line, const StepResult& result);
+
+  std::size_t total_;
+  bool interactive_;
+  std::string last_status_;
+  std::chrono::steady_clock::time_point last_drawn_{};
+};
+
+}  // namespace ostrel_host

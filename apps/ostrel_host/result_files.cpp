@@ -1,0 +1,70 @@
+#include "result_files.h"
+
+#include <cstdio>
+
+#include "bad_input.h"
+
+namespace ostrel_host {
+namespace {
+
+std::ofstream opened(const std::filesystem::path& file) {
+  std::ofstream stream(file, std::ios::trunc);
+  if (!stream) throw BadInput("'" + file.string() + "' cannot be written");
+  return stream;
+}
+
+}  // namespace
+
+nlohmann::ordered_json jsonl_line(std::size_t frame, const StepResult& result) {
+  nlohmann::ordered_json line;
+  line["frame"] = frame;
+  for (const char* key : {"x", "y", "w", "h", "score"}) line[key] = nullptr;
+  if (result.published) {
+    line["x"] = result.published->box.x;
+    line["y"] = result.published->box.y;
+    line["w"] = result.published->box.w;
+    line["h"] = result.published->box.h;
+    line["score"] = result.published->score;
+  }
+  line["status"] = result.state.status;
+  line["detail"] = result.state.detail;
+  line["phase"] = result.state.phase;
+  line["update_ms"] = result.update_ms;
+  return line;
+}
+
+std::string box_line(const StepResult& result) {
+  const cv::Rect2d box = result.state.own_box();
+  char text[96];
+  std::snprintf(text, sizeof text, "%.6g,%.6g,%.6g,%.6g", box.x, box.y, box.width, box.height);
+  return text;
+}
+
+ResultFiles::ResultFiles(const std::filesystem::path& folder) : folder_(folder) {
+  std::error_code problem;
+  std::filesystem::create_directories(folder, problem);
+  if (!std::filesystem::is_directory(folder)) {
+    throw BadInput("the folder '" + folder.string() + "' cannot be made");
+  }
+  jsonl_ = opened(folder / "boxes.jsonl");
+  boxes_ = opened(folder / "boxes.txt");
+}
+
+void ResultFiles::write_frame(std::size_t frame, const StepResult& result) {
+  // Words of a plug-in may hold any bytes; what is no UTF-8 is replaced.
+  jsonl_ << jsonl_line(frame, result).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+  boxes_ << box_line(result) << '\n';
+}
+
+void ResultFiles::write_summary(const nlohmann::ordered_json& summary) {
+  jsonl_.flush();
+  boxes_.flush();
+  std::ofstream stream = opened(folder_ / "summary.json");
+  stream << summary.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+  stream.flush();
+  if (!jsonl_ || !boxes_ || !stream) {
+    throw std::runtime_error("the results in '" + folder_.string() + "' could not be written");
+  }
+}
+
+}  // namespace ostrel_host

@@ -1,0 +1,35 @@
+// The files of a run: boxes.jsonl, boxes.txt, summary.json.
+#pragma once
+
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "plugin_session.h"
+
+namespace ostrel_host {
+
+// A line of boxes.jsonl: frame, x, y, w, h and score of the published box (null without one), status, detail, phase,
+// update_ms.
+nlohmann::ordered_json jsonl_line(std::size_t frame, const StepResult& result);
+
+// A line of boxes.txt: the tracker's own box as x,y,w,h, six significant digits.
+std::string box_line(const StepResult& result);
+
+class ResultFiles {
+ public:
+  // Makes the folder where needed. Throws BadInput where it or the files cannot be written.
+  explicit ResultFiles(const std::filesystem::path& folder);
+
+  void write_frame(std::size_t frame, const StepResult& result);
+  void write_summary(const nlohmann::ordered_json& summary);
+
+  const std::filesystem::path& folder() const { return folder_; }
+
+ private:
+  std::filesystem::path folder_;
+  std::ofstream jsonl_;
+  std::ofstream boxes_;
+};
+
+}  // namespace ostrel_host

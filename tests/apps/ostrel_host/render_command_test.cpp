@@ -1,0 +1,53 @@
+#include <gtest/gtest.h>
+#include <ostrel_host/accuracy.h>
+#include <ostrel_host/bad_input.h>
+#include <ostrel_host/frame_source.h>
+#include <ostrel_host/render_command.h>
+
+#include "apps/ostrel_host/temporary_folder.h"
+
+namespace {
+
+using namespace ostrel_host;
+using ostrel_test::TemporaryFolder;
+
+TEST(Render, WritesAVideoWithItsGroundTruthBeside) {
+  const TemporaryFolder folder;
+  EXPECT_EQ(run_render({folder.file("made/clip.mp4"), {128, 96, 6, 2}}), 0);
+  const auto source = open_source(folder.file("made/clip.mp4"));
+  EXPECT_EQ(source->next()->image.size(), cv::Size(128, 96));
+  EXPECT_EQ(read_boxes(folder.file("made/groundtruth_rect.txt")).size(), 6u);
+}
+
+TEST(Render, WritesAFolderThatTrackTakes) {
+  const TemporaryFolder folder;
+  const ostrel_scene::SceneOptions options{65, 77, 3, 2};
+  EXPECT_EQ(run_render({folder.file("scene"), options}), 0);
+  const auto source = open_source(folder.file("scene"));
+  EXPECT_EQ(source->frame_count(), 3u);
+  const ostrel_scene::SceneFrame first = ostrel_scene::Scene(options).render(0);
+  EXPECT_EQ(cv::norm(source->next()->image, first.image, cv::NORM_INF), 0.0) << "images lose nothing";
+  const auto truth = read_boxes(folder.file("scene/groundtruth_rect.txt"));
+  ASSERT_EQ(truth.size(), 3u);
+  EXPECT_NEAR(truth[0].x, first.target_px.x, 0.005);
+}
+
+TEST(Render, RefusesUnusableOptions) {
+  const TemporaryFolder folder;
+  EXPECT_THROW(run_render({folder.file("a.mp4"), {10, 10, 3, 1}}), BadInput);
+  EXPECT_THROW(run_render({folder.file("a.mp4"), {65, 64, 3, 1}}), BadInput);
+  EXPECT_THROW(run_render({folder.write("f", "") + "/a.mp4", {64, 64, 3, 1}}), BadInput);
+}
+
+TEST(Render, ReadsASize) {
+  ostrel_scene::SceneOptions scene;
+  parse_size("320x200", &scene);
+  EXPECT_EQ(scene.width_px, 320);
+  EXPECT_EQ(scene.height_px, 200);
+  for (const char* text :
+       {"", "x", "320", "320x", "x200", "320x200x", "320*200", "a320x200", "99999999999x5"}) {
+    EXPECT_THROW(parse_size(text, &scene), BadInput) << text;
+  }
+}
+
+}  // namespace
