@@ -6,7 +6,7 @@
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
 namespace {
 
-constexpr ClassifyTexts kTexts{
+constexpr ClassifyTexts kBatchTexts{
     "classifier filter state is not ready for TensorBatch classify path",
     "projection matrix input channels do not match TensorRT TensorBatch features",
     "classifier filter shape does not match TensorBatch classify path",
@@ -91,13 +91,13 @@ bool classify_tensor_batch(TrtBackbone* primary, const TrtInputBatch& batch,
                            const GuardedClassifier& classifier, ClassifyScratch* scratch,
                            const ClassifyOutputs& outputs, std::string* error) {
   if (!begin_classification(scratch, outputs, error) || !check_batch(primary, batch, error) ||
-      !take_snapshot(classifier, kTexts, scratch, error) || !bind_batch(primary, batch, error) ||
+      !take_snapshot(classifier, kBatchTexts, scratch, error) || !bind_batch(primary, batch, error) ||
       !wait_for_batch(*primary, batch, error)) {
     return false;
   }
   ClassifyPlan plan{scratch->snapshot};
   if (!settle_feature_size(*primary, batch.count, &plan, error) ||
-      !settle_channels(classifier.use_projection_matrix, kTexts, &plan, error) ||
+      !settle_channels(classifier.use_projection_matrix, kBatchTexts, &plan, error) ||
       !refresh_weights(primary, plan, primary->max_batch, outputs.timings, error)) {
     return false;
   }

@@ -8,7 +8,7 @@
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
 namespace {
 
-constexpr ClassifyTexts kTexts{
+constexpr ClassifyTexts kPatchTexts{
     "classifier filter state is not ready for GPU classify path",
     "projection matrix input channels do not match TensorRT feature channels",
     "classifier filter shape does not match GPU classify path",
@@ -102,14 +102,14 @@ bool classify_patches(const std::unique_ptr<TrtBackbone>& primary,
                       const GuardedClassifier& classifier, ClassifyScratch* scratch,
                       const ClassifyOutputs& outputs, std::string* error) {
   if (!begin_classification(scratch, outputs, error) || !check_patches(primary.get(), patches, error) ||
-      !take_snapshot(classifier, kTexts, scratch, error)) {
+      !take_snapshot(classifier, kPatchTexts, scratch, error)) {
     return false;
   }
   const std::vector<TrtBackbone*> workers = ready_trt_workers(primary, further);
   if (workers.empty()) return refuse("no ready TensorRT workers for GPU classify path", error);
   ClassifyPlan plan{scratch->snapshot};
   take_cached_feature_size(*primary, &plan);
-  if (!settle_channels(classifier.use_projection_matrix, kTexts, &plan, error) ||
+  if (!settle_channels(classifier.use_projection_matrix, kPatchTexts, &plan, error) ||
       !bind_own_input(primary.get(), error)) {
     return false;
   }
