@@ -146,6 +146,8 @@ TEST_F(Copies, WrongOnesAreRefused) {
        cudaErrorInvalidValue},
       {"pinned memory that is too small", pinned.data() + 1, d, 16, cudaMemcpyDeviceToHost,
        cudaErrorInvalidValue},
+      {"a host range that runs into pinned memory", pinned.data() - 1, d, 4, cudaMemcpyDeviceToHost,
+       cudaErrorInvalidValue},
       {"a size that wraps around", d, h, SIZE_MAX, cudaMemcpyHostToDevice, cudaErrorInvalidValue},
   });
 }

@@ -183,6 +183,8 @@ TEST_F(Cublas, RefusesMemoryThatIsNotTheDevices) {
   EXPECT_EQ(multiply(p, d, host.data(), d + 4), CUBLAS_STATUS_EXECUTION_FAILED) << "B on the host";
   EXPECT_EQ(multiply(p, d, d, host.data()), CUBLAS_STATUS_EXECUTION_FAILED) << "C on the host";
   EXPECT_EQ(multiply(p, d, d, d + 5), CUBLAS_STATUS_EXECUTION_FAILED) << "C leaves its allocation";
+  const Problem batch = {false, false, 2, 2, 2, 0, 0, 0, true, 1.0F, 0.0F, 2};
+  EXPECT_EQ(multiply(batch, d, d, d), CUBLAS_STATUS_EXECUTION_FAILED) << "the last A leaves its allocation";
 }
 
 TEST_F(Cublas, RefusesHandlesThatAreNotAlive) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <host_cuda/control.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <memory>
@@ -41,6 +42,24 @@ class Gate {
     bool open = false;
   };
   std::shared_ptr<State> state_ = std::make_shared<State>();  // the held work may outlive the gate
+};
+
+// Meets the other callers: returns true once `count` threads are here together, false after ten seconds alone.
+class Rendezvous {
+ public:
+  explicit Rendezvous(int count) : missing_(count) {}
+
+  bool meet() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    --missing_;
+    changed_.notify_all();
+    return changed_.wait_for(lock, std::chrono::seconds(10), [this] { return missing_ <= 0; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  int missing_;
 };
 
 // Starts each test with clean counters and faults and ends it with every mode as it was and nothing left

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -41,12 +40,15 @@ TEST_F(Parallel, SpreadsOverAtMostTheThreadsAllowed) {
   std::set<std::thread::id> seen;
   std::atomic<int> inside{0};
   std::atomic<int> most_inside{0};
-  parallel_for(40, 3, [&](int) {
+  Rendezvous rendezvous(3);
+  parallel_for(40, 3, [&](int index) {
     const int now = ++inside;
     int most = most_inside;
     while (now > most && !most_inside.compare_exchange_weak(most, now)) {
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    if (index < 3) {
+      EXPECT_TRUE(rendezvous.meet());
+    }
     {
       const std::lock_guard<std::mutex> lock(mutex);
       seen.insert(std::this_thread::get_id());

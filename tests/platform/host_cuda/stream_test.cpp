@@ -106,7 +106,14 @@ TEST_F(Streams, ServeSeveralThreadsAtOnce) {
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&] {
-      for (int k = 0; k < 100; ++k) EXPECT_EQ(enqueue(shared, "add", [&sum] { ++sum; }), cudaSuccess);
+      for (int k = 0; k < 100; ++k)
+        EXPECT_EQ(enqueue(shared, "add",
+                          [&sum] {
+                            const int before = sum;
+                            std::this_thread::yield();  // room for work that does not keep the order
+                            sum = before + 1;
+                          }),
+                  cudaSuccess);
     });
   }
   for (std::thread& thread : threads) thread.join();
