@@ -4,6 +4,8 @@
 
 #include <host_cuda/control.h>
 
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -26,6 +28,16 @@ class FilterTrainerQueue : public ::testing::Test {
 
   void train() { ASSERT_TRUE(training_.run(trainer_, &out_, &error_)) << error_; }
   bool ensure(bool low_priority) { return trainer_.ensure_capacity(2, 3, 6, 6, 4, 4, low_priority, &error_); }
+  /// The calls and launches of an operation in order, without the questions after a launch.
+  static std::vector<std::string> traced(const std::function<void()>& operation) {
+    host::start_trace();
+    operation();
+    std::vector<std::string> names;
+    for (const std::string& name : host::stop_trace()) {
+      if (name != "cudaGetLastError") names.push_back(name);
+    }
+    return names;
+  }
   static std::int64_t calls(const char* name) { return host::counters().calls_of(name); }
   static std::int64_t launches(const char* name) { return host::counters().launches_of(name); }
 };
@@ -48,6 +60,43 @@ TEST_F(FilterTrainerQueue, HoldsTheLaunchesOfEachIteration) {
   EXPECT_EQ(launches("add_in_place_kernel"), 1);
   EXPECT_EQ(calls("cudaMemsetAsync"), 1 + 3 * 7 - 1);
   EXPECT_EQ(calls("cudaMemcpyAsync"), 4 + 1 + 7 + 1);  // inputs, p, r_prev, result
+}
+
+TEST_F(FilterTrainerQueue, KeepsTheOrderOfItsSteps) {
+  training_.iterations = 2;
+  train();
+  const std::vector<std::string> start = {"cudaMemcpyAsync",                            // features
+                                          "cudaMemcpyAsync",                            // labels
+                                          "cudaMemcpyAsync",                            // weights
+                                          "cudaMemcpyAsync",                            // filter
+                                          "cudaMemsetAsync",                            // x
+                                          "classify_samples_fixed_filter_kernel<4,4>",  // the linearisation
+                                          "compute_weighted_residual_grad_kernel",      //
+                                          "set_scaled_vector_kernel",                   //
+                                          "accumulate_filter_gradient_kernel",          // r
+                                          "cudaMemsetAsync",
+                                          "dot_product_kernel"};                                    // rho
+  const std::vector<std::string> operator_and_step = {"set_scaled_vector_kernel",                   // q
+                                                      "classify_samples_fixed_filter_kernel<4,4>",  //
+                                                      "compute_weighted_jtj_response_kernel",       //
+                                                      "accumulate_filter_gradient_kernel",          //
+                                                      "cudaMemsetAsync",
+                                                      "dot_product_kernel",  // pq
+                                                      "cudaMemcpyAsync",     // r_prev
+                                                      "update_x_r_from_scalars_kernel",
+                                                      "store_scalar_kernel"};
+  std::vector<std::string> expected = start;
+  const auto append = [&](const std::vector<std::string>& more) {
+    expected.insert(expected.end(), more.begin(), more.end());
+  };
+  append({"cudaMemcpyAsync"});  // p
+  append(operator_and_step);
+  append({"cudaMemsetAsync", "dot_product_kernel",  // rho
+          "cudaMemsetAsync", "dot_product_kernel",  // rho2
+          "combine_with_beta_from_scalars_kernel"});
+  append(operator_and_step);
+  append({"add_in_place_kernel", "cudaMemcpyAsync", "cudaStreamSynchronize"});
+  EXPECT_EQ(traced([this] { train(); }), expected);
 }
 
 TEST_F(FilterTrainerQueue, TakesTheGeneralKernelForOtherFilters) {
@@ -165,6 +214,14 @@ TEST_F(FilterTrainerQueue, FreesEverythingInTheEnd) {
   EXPECT_EQ(after.live_pinned_bytes, before.live_pinned_bytes);
   EXPECT_EQ(after.live_streams, before.live_streams);
   EXPECT_EQ(after.live_events, before.live_events);
+}
+
+TEST_F(FilterTrainerQueue, FreesDeviceMemoryThenPinnedMemoryThenTheStream) {
+  auto trainer = std::make_unique<CudaFilterTrainer>();
+  ASSERT_TRUE(training_.run(*trainer, &out_, &error_)) << error_;
+  std::vector<std::string> expected(13, "cudaFree");
+  expected.insert(expected.end(), {"cudaFreeHost", "cudaFreeHost", "cudaStreamDestroy"});
+  EXPECT_EQ(traced([&] { trainer.reset(); }), expected);
 }
 
 /// All that waiting asks of a trainer.

@@ -171,6 +171,25 @@ TEST(FilterTrainer, StartsFromTheNegativeGradientOfTheLoss) {
   }
 }
 
+TEST(FilterTrainer, KeepsTheResidualBeforeTheLastStep) {
+  Training training = Training::random({2, 3, 6, 6, 4, 4}, 115);
+  training.iterations = 2;
+  atom::CudaFilterTrainer::Impl impl;
+  prepare(impl, training.shape);
+  const DeviceArray<float> features(training.features);
+  std::vector<float> out;
+  std::string error;
+  ASSERT_TRUE(training.run_core(&impl, features.get(), &out, &error)) << error;
+  const TrainingProblem problem = training.problem();
+  const Doubles start = widen(training.filter);
+  Doubles step = reference_training(problem, start, 1);
+  for (std::size_t i = 0; i < step.size(); ++i) step[i] -= start[i];
+  Doubles residual = reference_right_hand_side(problem, start);
+  const Doubles left = reference_normal_operator(problem, start, step);
+  for (std::size_t i = 0; i < residual.size(); ++i) residual[i] -= left[i];
+  EXPECT_TRUE(close_to(residual, read(impl.r_prev), kFewIterations));
+}
+
 TEST(FilterTrainer, SolvesTheSystemWithEnoughIterations) {
   Training training = Training::random({3, 4, 8, 8, 4, 4}, 120);
   training.regularization = 1.0F;

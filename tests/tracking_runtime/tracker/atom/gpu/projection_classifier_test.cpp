@@ -4,6 +4,7 @@
 
 #include <host_cuda/control.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -175,6 +176,15 @@ TEST_F(ProjectionClassifier, RecordsTheEventsOfADownload) {
   host::reset_counters();
   responses(1);
   EXPECT_EQ(host::counters().calls_of("cudaEventRecord"), 0);
+}
+
+TEST_F(ProjectionClassifier, FreesDeviceMemoryThenPinnedMemory) {
+  auto classifier = std::make_unique<CudaProjectionClassifier>();
+  ASSERT_TRUE(classifier->ensure_capacity(2, 3, 4, 5, 6, 4, 4, &error_)) << error_;
+  host::start_trace();
+  classifier.reset();
+  EXPECT_EQ(host::stop_trace(),
+            (std::vector<std::string>{"cudaFree", "cudaFree", "cudaFree", "cudaFree", "cudaFreeHost"}));
 }
 
 TEST_F(ProjectionClassifier, FreesEverythingInTheEnd) {

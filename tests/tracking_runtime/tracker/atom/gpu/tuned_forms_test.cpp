@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <random>
@@ -16,6 +18,7 @@
 #include "joint_operators.h"
 #include "reference_numerics.h"
 #include "tracking_runtime/tracker/atom/gpu/cuda_filter_trainer.h"
+#include "tracking_runtime/tracker/atom/gpu/cuda_image_preprocess.h"
 #include "tracking_runtime/tracker/atom/gpu/cuda_projection_classifier.h"
 
 namespace ostrel_test {
@@ -162,6 +165,39 @@ TEST(TunedForms, ProjectionAndClassificationEqualThePlainForms) {
   }
 }
 
+std::vector<float> run_preprocess(int samples, int width, int height, std::size_t row_pitch,
+                                  std::size_t sample_pitch, const std::vector<std::uint8_t>& bytes) {
+  TestStream stream;
+  const DeviceArray<std::uint8_t> source(bytes);
+  const DeviceArray<float> target(static_cast<std::size_t>(samples * 3 * width * height), -1.0F);
+  std::string error;
+  EXPECT_TRUE(atom::launch_bgr8_to_rgb_planar_float(source.get(), sample_pitch, row_pitch, target.get(),
+                                                    samples, width, height, stream.get(), &error))
+      << error;
+  return target.read(stream);
+}
+
+TEST(TunedForms, PreprocessEqualsThePlainForm) {
+  std::mt19937 generator(7);
+  for (const auto& [samples, width, height, padding] :
+       {std::tuple{1, 1, 1, 0}, {3, 192, 192, 0}, {2, 7, 5, 4}, {4, 33, 18, 1}, {3, 16, 2, 0}}) {
+    const std::size_t row_pitch = static_cast<std::size_t>(3 * width + padding);
+    const std::size_t sample_pitch =
+        row_pitch * static_cast<std::size_t>(height) + static_cast<std::size_t>(padding);
+    std::vector<std::uint8_t> bytes(sample_pitch * static_cast<std::size_t>(samples));
+    for (std::uint8_t& byte : bytes) byte = static_cast<std::uint8_t>(generator());
+    const auto run = [&, samples = samples, width = width, height = height] {
+      return run_preprocess(samples, width, height, row_pitch, sample_pitch, bytes);
+    };
+    std::vector<float> plain;
+    {
+      const Forms forms(false, 1);
+      plain = run();
+    }
+    EXPECT_EQ(plain, run()) << width << "x" << height;
+  }
+}
+
 /// Puts a counting wrapper around the tuned form of one kernel and tells how often `operation` came through
 /// it.
 template <typename Kernel>
@@ -190,6 +226,7 @@ using ClassifyFixed = void(In, In, Out, int, int, int, int);
 using Project = void(In, In, Out, int, int, int, int, int);
 using Pair = void(In, In, Out, In, In, Out, int, int, int, int, int, int);
 using PairFixed = void(In, In, Out, In, In, Out, int, int, int, int);
+using Preprocess = void(const std::uint8_t*, std::size_t, std::size_t, Out, int, int, int);
 using FilterGradient = void(In, In, float, Out, int, int, int, int, int, int);
 
 TEST(TunedForms, AreWhatTheJointOptimizersLaunchesRun) {
@@ -225,6 +262,16 @@ TEST(TunedForms, AreWhatTheJointOptimizersLaunchesRun) {
                                                                 random_values(fixed.positions(), 2), 1.0F,
                                                                 std::vector<float>(fixed.taps(), 0.0F));
                                           }),
+            1);
+}
+
+TEST(TunedForms, AreWhatThePreprocessRuns) {
+  if (host::thread_order() != host::ThreadOrder::kForward)
+    GTEST_SKIP() << "tuned forms have no threads to order";
+  EXPECT_EQ(Counted<Preprocess>::runs("bgr8_to_rgb_planar_float_kernel",
+                                      [] {
+                                        run_preprocess(1, 1, 1, 3, 3, {1, 2, 3});
+                                      }),
             1);
 }
 
