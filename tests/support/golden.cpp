@@ -21,7 +21,7 @@ const typename Map::mapped_type& find(const Map& map, const std::string& name, c
 template <typename T>
 std::vector<double> widen(const std::vector<char>& bytes, std::size_t count) {
   std::vector<T> raw(count);
-  std::memcpy(raw.data(), bytes.data(), count * sizeof(T));
+  if (count != 0) std::memcpy(raw.data(), bytes.data(), count * sizeof(T));
   return std::vector<double>(raw.begin(), raw.end());
 }
 
