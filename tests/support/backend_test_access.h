@@ -62,6 +62,33 @@ struct CudaRuntimeBackendTestAccess {
   static bool adopt_filter(Backend& backend, std::vector<float> filter) {
     return backend.adopt_filter_(std::move(filter));
   }
+  static bool initialize_runtime(Backend& backend, std::string* error) {
+    return backend.initialize_runtime_(error);
+  }
+  static bool finalize_init_training(Backend& backend, const std::vector<FeatureMap>& features,
+                                     const std::vector<LabelMap>& labels, int iterations,
+                                     bool skip_filter_training, InitTimings* timings, std::string* error) {
+    return backend.finalize_init_training_(features, labels, iterations, skip_filter_training, timings,
+                                           error);
+  }
+  static void log_init_ready(Backend& backend, const cv::Rect_<int>& box, const InitTimings& timings) {
+    backend.log_init_ready_(box, backend.image_size, timings);
+  }
+  static bool init_projection_matrix(Backend& backend, const FeatureMap& feature) {
+    return backend.init_projection_matrix_(feature);
+  }
+  static bool init_filter_weights(Backend& backend, const FeatureMap& feature) {
+    return backend.init_filter_weights_(feature, {});
+  }
+  static FeatureMap project_feature(const Backend& backend, const FeatureMap& feature) {
+    return backend.project_feature_(feature);
+  }
+  static LabelMap label_at_target(const Backend& backend, const FeatureMap& feature) {
+    return backend.build_label_for_sample_(feature, backend.target_pos, backend.target_scale);
+  }
+  static cv::Mat upsample_response_fft(const Backend& backend, const cv::Mat& response) {
+    return backend.upsample_response_fft_(response);
+  }
   static cv::Mat classify_feature(const Backend& backend, const FeatureMap& feature) {
     return backend.classify_feature_(feature);
   }

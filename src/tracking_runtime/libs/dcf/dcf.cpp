@@ -9,11 +9,13 @@ namespace ostrel_tracker::tracking_runtime::libs::dcf {
 
 cv::Mat gauss_spatial(int size, float sigma, float center, int end_pad) {
   const float extent = static_cast<float>(size);
+  const float first = -(extent - 1.0F) * 0.5F;
   const float limit = (extent + 1.0F) * 0.5F + static_cast<float>(end_pad);
   const float gain = -1.0F / (2.0F * sigma * sigma);
   std::vector<float> values;
-  for (float k = -(extent - 1.0F) * 0.5F; k < limit; k += 1.0F) {
-    values.push_back(std::exp((k - center) * (k - center) * gain));
+  for (int i = 0; first + static_cast<float>(i) < limit; ++i) {
+    const float distance = first + static_cast<float>(i) - center;
+    values.push_back(std::exp(distance * distance * gain));
   }
   if (values.empty()) return cv::Mat(1, 0, CV_32F);
   return cv::Mat(values, true).reshape(1, 1);

@@ -89,7 +89,8 @@ bool InitPipeline::make_labels() {
   const LabelMap template_label = label_at(backend.target_pos);
   for (const Item& item : items) {
     LabelMap label = label_at(item.center);
-    item_labels.push_back(label.defined() ? std::move(label) : template_label);
+    if (!label.defined()) label = template_label;
+    item_labels.push_back(std::move(label));
   }
   timings.host_labels += clock.elapsed_ms();
   if (template_label.defined() && !item_labels.empty()) return true;
