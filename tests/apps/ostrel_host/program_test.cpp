@@ -1,40 +1,22 @@
 // The program itself, run as a user runs it, with a plug-in that follows a script.
 #include <gtest/gtest.h>
 #include <ostrel_host/accuracy.h>
-#include <ostrel_host/render_command.h>
-#include <sys/wait.h>
 
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/videoio.hpp>
-#include <sstream>
 
-#include "apps/ostrel_host/temporary_folder.h"
+#include "apps/ostrel_host/program_runner.h"
 
 namespace {
 
 using nlohmann::json;
 using ostrel_test::content_of;
-using ostrel_test::TemporaryFolder;
+using ostrel_test::Outcome;
 
-struct Outcome {
-  int exit_code = -1;
-  std::string out;
-  std::string err;
-};
-
-class Program : public testing::Test {
+class Program : public ostrel_test::ProgramTest {
  protected:
-  // Words go to the shell as they are; paths of the temporary folder hold nothing that it would touch.
-  Outcome run(const std::string& words) const {
-    const std::string out = folder_.file("stdout"), err = folder_.file("stderr");
-    const std::string command =
-        std::string(OSTREL_HOST_PROGRAM) + " " + words + " >" + out + " 2>" + err + " </dev/null";
-    const int status = std::system(command.c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, content_of(out), content_of(err)};
-  }
-
   Outcome track(const std::string& source, const std::string& words) const {
     return run("track " + source + " --plugin " + OSTREL_SCRIPTED_PLUGIN + " --out " + folder_.file("out") +
                " " + words);
@@ -46,24 +28,7 @@ class Program : public testing::Test {
     EXPECT_EQ(outcome.out, "");
   }
 
-  std::string clip(int frames = 12) const {
-    const std::string file = folder_.file("clip.mp4");
-    testing::internal::CaptureStdout();
-    ostrel_host::run_render({file, {128, 96, frames, 2}});
-    testing::internal::GetCapturedStdout();
-    return file;
-  }
-
-  std::vector<json> lines() const {
-    std::vector<json> parsed;
-    std::istringstream stream(content_of(folder_.file("out/boxes.jsonl")));
-    for (std::string line; std::getline(stream, line);) parsed.push_back(json::parse(line));
-    return parsed;
-  }
-
-  json summary() const { return json::parse(content_of(folder_.file("out/summary.json"))); }
-
-  TemporaryFolder folder_;
+  std::string clip() const { return rendered("clip.mp4", {128, 96, 12, 2}); }
 };
 
 TEST_F(Program, LeavesAllResultsOfAClip) {

@@ -1,0 +1,141 @@
+// From a clip to boxes through everything: program, plug-in, start-up worker, engine, kernels, trainer.
+#include <gtest/gtest.h>
+#include <ostrel_host/accuracy.h>
+#include <trunk_writer.h>
+
+#include <opencv2/imgcodecs.hpp>
+
+#include "apps/ostrel_host/program_runner.h"
+
+namespace {
+
+using ostrel_host::AccuracyReport;
+using ostrel_test::content_of;
+using ostrel_test::Outcome;
+
+class ClipToBoxes : public ostrel_test::ProgramTest {
+ protected:
+  // A trunk with random weights; made once for all tests.
+  static const std::string& engine() {
+    static const ostrel_test::TemporaryFolder folder;
+    static const std::string file = [] {
+      ostrel::backbone::TrunkOptions options;
+      options.seed = 1;
+      options.outputs = ostrel::backbone::TrunkOutputs::kLayer2;
+      std::string error;
+      EXPECT_TRUE(write_trunk(options, folder.file("random.onnx"), &error)) << error;
+      return folder.file("random.onnx");
+    }();
+    return file;
+  }
+
+  Outcome track(const std::string& source, const std::string& words) const {
+    return run("track " + source + " --out " + folder_.file("out") + " " + words);
+  }
+
+  std::string first_box() const {
+    const std::string truth = content_of(folder_.file("groundtruth_rect.txt"));
+    return truth.substr(0, truth.find('\n'));
+  }
+};
+
+TEST_F(ClipToBoxes, FollowsTheRenderedTarget) {
+  const std::string clip = rendered("clip.mp4", {480, 270, 50, 1});
+  const Outcome outcome = track(clip, "--roi " + first_box() + " --engine " + engine() + " --wait-ready");
+  ASSERT_EQ(outcome.exit_code, 0) << outcome.err;
+  const AccuracyReport report =
+      ostrel_host::score_boxes(ostrel_host::read_boxes(folder_.file("out/boxes.txt")),
+                               ostrel_host::read_boxes(folder_.file("groundtruth_rect.txt")));
+  EXPECT_EQ(report.frames, 50u);
+  EXPECT_GT(report.success_auc, 0.5);
+  EXPECT_GT(report.precision_20px, 0.9);
+  EXPECT_GE(summary()["statuses"]["track_ok"].get<int>(), 45);
+  EXPECT_EQ(summary()["property"]["stats"]["track_fail"], 0);
+  EXPECT_TRUE(std::filesystem::file_size(folder_.path() / "out/annotated.mp4") > 1000);
+}
+
+TEST_F(ClipToBoxes, PublishesNothingUntilItIsArmedAndStaysArmedThen) {
+  const std::string clip = rendered("clip.mp4", {320, 200, 20, 1});
+  const Outcome outcome =
+      track(clip, "--roi " + first_box() + " --engine " + engine() + " --no-video --fps 12");
+  ASSERT_EQ(outcome.exit_code, 0) << outcome.err;
+  EXPECT_EQ(lines()[0]["status"], "init_warmup_started");
+  EXPECT_EQ(lines()[1]["status"], "update_skip_warming_up");
+  bool armed = false;
+  for (const auto& line : lines()) {
+    if (!armed && line["phase"] == "warming_up") {
+      EXPECT_TRUE(line["x"].is_null()) << line;
+      continue;
+    }
+    armed = true;
+    EXPECT_EQ(line["phase"], "ready") << line;
+  }
+}
+
+TEST_F(ClipToBoxes, NamesTheWordOfAFrameOfAnotherSizeAndGoesOn) {
+  const std::string folder = rendered("scene", {161, 121, 8, 1});
+  const std::string small = folder + "/img/00005.png";
+  cv::imwrite(small, cv::Mat(121, 100, CV_8UC3, cv::Scalar::all(80)));
+  ASSERT_EQ(track(folder, "--roi 60,40,30,30 --engine " + engine() + " --wait-ready --no-video").exit_code,
+            0);
+  const auto frames = lines();
+  ASSERT_EQ(frames.size(), 8u);
+  EXPECT_EQ(frames[4]["status"], "update_skip_source_size_changed");
+  EXPECT_TRUE(frames[4]["x"].is_null());
+  for (const std::size_t frame : {3u, 5u}) EXPECT_EQ(frames[frame]["phase"], "ready") << frames[frame];
+  EXPECT_NE(frames[5]["status"], "update_skip_source_size_changed");
+}
+
+TEST_F(ClipToBoxes, TracksInTinyAndOddFrames) {
+  std::filesystem::create_directory(folder_.path() / "tiny");
+  for (int i = 0; i < 3; ++i) {
+    cv::Mat image(9, 13, CV_8UC3, cv::Scalar::all(40));
+    image(cv::Rect(4, 2, 4, 4)).setTo(cv::Scalar(20, 200, 240));
+    cv::imwrite(folder_.file("tiny/" + std::to_string(i) + ".png"), image);
+  }
+  const Outcome outcome =
+      track(folder_.file("tiny"), "--roi 4,2,4,4 --engine " + engine() + " --wait-ready --no-video");
+  EXPECT_EQ(outcome.exit_code, 0) << outcome.err;
+  EXPECT_EQ(lines().size(), 3u);
+  EXPECT_EQ(lines()[2]["phase"], "ready");
+}
+
+TEST_F(ClipToBoxes, EndsInOneLineWhereTheEngineCannotBeUsed) {
+  const std::string clip = rendered("clip.mp4", {128, 96, 4, 1});
+  const std::string whole = content_of(engine());
+  folder_.write("empty.onnx", "");
+  folder_.write("truncated.onnx", whole.substr(0, whole.size() / 2));
+  ostrel::backbone::TrunkOptions tiny;
+  tiny.tiny = true;
+  std::string error;
+  ASSERT_TRUE(write_trunk(tiny, folder_.file("other_input.onnx"), &error)) << error;
+  const struct {
+    const char* engine;
+    const char* cause;
+  } rows[] = {
+      {"missing.onnx", "TensorRT backbone engine not found: "},
+      {"empty.onnx", "failed to deserialize TensorRT engine: "},
+      {"truncated.onnx", "failed to deserialize TensorRT engine: "},
+      {"other_input.onnx", "failed to extract template feature"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.engine);
+    const Outcome outcome =
+        track(clip, "--roi 40,30,20,20 --wait-ready --no-video --engine " + folder_.file(row.engine));
+    EXPECT_EQ(outcome.exit_code, 2);
+    EXPECT_EQ(outcome.out, "");
+    const std::string line =
+        std::string("ostrel_host: tracking could not start: init_async_fail (initialize failed: ") +
+        row.cause;
+    EXPECT_NE(outcome.err.find(line), std::string::npos) << outcome.err;
+  }
+}
+
+TEST_F(ClipToBoxes, GivesThePluginsWordForARegionWithoutSize) {
+  const std::string clip = rendered("clip.mp4", {128, 96, 4, 1});
+  const Outcome outcome = track(clip, "--roi 40,30,0,20 --engine " + engine());
+  EXPECT_EQ(outcome.exit_code, 2);
+  EXPECT_EQ(outcome.err, "ostrel_host: the plug-in refused the region 40,30,0,20: init_fail_invalid_roi\n");
+}
+
+}  // namespace
