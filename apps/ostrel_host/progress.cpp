@@ -55,12 +55,14 @@ void Progress::show(const std::string& line, const StepResult& result) {
   const auto now = std::chrono::steady_clock::now();
   if (!changed && now - last_drawn_ < kRedrawInterval) return;
   last_drawn_ = now;
+  line_open_ = true;
   std::fprintf(stderr, "\r%s\x1b[K", line.c_str());
   std::fflush(stderr);
 }
 
 void Progress::finish() {
-  if (interactive_) std::fputc('\n', stderr);
+  if (line_open_) std::fputc('\n', stderr);
+  line_open_ = false;
 }
 
 }  // namespace ostrel_host

@@ -18,9 +18,13 @@ class Progress {
  public:
   // `total` is 0 where it is not known.
   explicit Progress(std::size_t total);
+  ~Progress() { finish(); }
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
 
   void waiting(const StepResult& result);
   void frame(std::size_t done, double frames_per_second, const StepResult& result);
+  // Ends the line that the bar stands on, so that what follows has its own.
   void finish();
 
  private:
@@ -28,6 +32,7 @@ class Progress {
 
   std::size_t total_;
   bool interactive_;
+  bool line_open_ = false;
   std::string last_status_;
   std::chrono::steady_clock::time_point last_drawn_{};
 };
