@@ -24,13 +24,22 @@ void fail_heap_allocations_of(std::size_t bytes) {
 
 }  // namespace ostrel_test
 
-// The forms of the standard library for arrays and for nothrow call this one. Over-aligned ones stay the library's.
+// The library's form for arrays calls this one; over-aligned ones stay the library's.
 void* operator new(std::size_t bytes) {
   ++allocations;
   if (bytes != 0 && bytes == failing_bytes.load(std::memory_order_relaxed)) throw std::bad_alloc();
   void* memory = std::malloc(bytes > 0 ? bytes : 1);
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
+}
+
+// A sanitizer would bring its own.
+void* operator new(std::size_t bytes, const std::nothrow_t& /*tag*/) noexcept {
+  try {
+    return operator new(bytes);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
 }
 
 void operator delete(void* memory) noexcept {

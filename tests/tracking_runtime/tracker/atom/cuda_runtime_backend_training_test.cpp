@@ -110,6 +110,17 @@ TEST_F(Training, StoresAndFillsUnderTheLockButRefusesBadSamplesWithoutIt) {
   EXPECT_FALSE(Access::store_training_sample(*backend_, feature(0), LabelMap(), 0.1F));
 }
 
+TEST_F(Training, StoresWithoutAllocating) {
+  fill(2);
+  const FeatureMap sample = feature(3);
+  const LabelMap wanted = label(3);
+  const long before = ostrel_test::heap_allocations();
+  for (int i = 0; i < 3 * kCapacity; ++i) {
+    ASSERT_TRUE(Access::store_training_sample(*backend_, sample, wanted, 0.1F));
+  }
+  EXPECT_EQ(ostrel_test::heap_allocations(), before);
+}
+
 TEST_F(Training, TakesTheCapacityOfTheConfiguration) {
   fill(2);
   EXPECT_EQ(Access::memory(*backend_).sample_weights.size(), static_cast<std::size_t>(kCapacity));
