@@ -40,11 +40,10 @@ struct GuardedClassifier {
 struct ClassifyScratch {
   ClassifierState snapshot;
   std::vector<float> response_values;
-  std::vector<FeatureMap> spare_features;
 };
 
 /// Where results go, in input order: `responses[i]` a `CV_32F` map as large as the feature map; `features[i]`,
-/// where wanted, the projected sample. Both are emptied at the start, and what they held may be reused. A
+/// where wanted, the projected sample. Both are emptied at the start. A
 /// failure may leave some of them filled.
 struct ClassifyOutputs {
   std::vector<cv::Mat>* responses;

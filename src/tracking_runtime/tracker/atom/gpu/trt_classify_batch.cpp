@@ -70,7 +70,7 @@ bool collect_batch(const TrtBackbone& primary, const ClassifyPlan& plan, int cou
   outputs.responses->resize(static_cast<std::size_t>(count));
   if (!collect_responses(primary, plan, count, scratch, outputs.responses->data(), error)) return false;
   if (outputs.features == nullptr) return true;
-  resize_features(static_cast<std::size_t>(count), scratch, outputs.features);
+  outputs.features->resize(static_cast<std::size_t>(count));
   for (int i = 0; i < count; ++i) {
     FeatureMap* const feature = &(*outputs.features)[static_cast<std::size_t>(i)];
     if (!collect_projected_sample(primary, i, feature, error)) return false;
@@ -90,7 +90,7 @@ void read_timings(const TrtBackbone& primary, GpuTrackTimings* timings) {
 bool classify_tensor_batch(TrtBackbone* primary, const TrtInputBatch& batch,
                            const GuardedClassifier& classifier, ClassifyScratch* scratch,
                            const ClassifyOutputs& outputs, std::string* error) {
-  if (!begin_classification(scratch, outputs, error) || !check_batch(primary, batch, error) ||
+  if (!begin_classification(outputs, error) || !check_batch(primary, batch, error) ||
       !take_snapshot(classifier, kBatchTexts, scratch, error) || !bind_batch(primary, batch, error) ||
       !wait_for_batch(*primary, batch, error)) {
     return false;

@@ -57,13 +57,10 @@ bool upload_weights(TrtBackbone* worker, const ClassifyPlan& plan, GpuTrackTimin
 
 }  // namespace
 
-bool begin_classification(ClassifyScratch* scratch, const ClassifyOutputs& outputs, std::string* error) {
+bool begin_classification(const ClassifyOutputs& outputs, std::string* error) {
   if (outputs.responses == nullptr) return refuse("null GPU response output", error);
   outputs.responses->clear();
-  if (outputs.features != nullptr) {
-    scratch->spare_features.swap(*outputs.features);
-    outputs.features->clear();
-  }
+  if (outputs.features != nullptr) outputs.features->clear();
   if (outputs.timings != nullptr) *outputs.timings = {};
   return true;
 }
@@ -124,13 +121,6 @@ bool collect_responses(const TrtBackbone& worker, const ClassifyPlan& plan, int 
                 plane * sizeof(float));
   }
   return true;
-}
-
-void resize_features(std::size_t count, ClassifyScratch* scratch, std::vector<FeatureMap>* features) {
-  features->swap(scratch->spare_features);
-  features->resize(count);
-  // Undefined until filled: what an earlier frame left must not pass for this one's after a failure.
-  for (FeatureMap& feature : *features) feature.samples = 0;
 }
 
 bool collect_projected_sample(const TrtBackbone& worker, int index, FeatureMap* feature, std::string* error) {

@@ -26,7 +26,7 @@ struct ClassifyTexts {
 };
 
 /// Checks and empties the outputs: "null GPU response output".
-bool begin_classification(ClassifyScratch* scratch, const ClassifyOutputs& outputs, std::string* error);
+bool begin_classification(const ClassifyOutputs& outputs, std::string* error);
 
 /// Copies the weights under their lock, so that training may replace them from here on, and checks the filter.
 bool take_snapshot(const GuardedClassifier& classifier, const ClassifyTexts& texts, ClassifyScratch* scratch,
@@ -44,9 +44,6 @@ bool refresh_weights(TrtBackbone* worker, const ClassifyPlan& plan, int batch_ca
 /// Downloads the responses of a worker's first `count` samples to `responses`.
 bool collect_responses(const TrtBackbone& worker, const ClassifyPlan& plan, int count,
                        ClassifyScratch* scratch, cv::Mat* responses, std::string* error);
-
-/// Gives `features` its size, with the memory of earlier results.
-void resize_features(std::size_t count, ClassifyScratch* scratch, std::vector<FeatureMap>* features);
 
 /// Downloads one projected sample of a worker.
 bool collect_projected_sample(const TrtBackbone& worker, int index, FeatureMap* feature, std::string* error);

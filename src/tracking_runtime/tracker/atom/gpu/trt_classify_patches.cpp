@@ -101,7 +101,7 @@ bool classify_patches(const std::unique_ptr<TrtBackbone>& primary,
                       const std::vector<std::unique_ptr<TrtBackbone>>& further, PatchRange patches,
                       const GuardedClassifier& classifier, ClassifyScratch* scratch,
                       const ClassifyOutputs& outputs, std::string* error) {
-  if (!begin_classification(scratch, outputs, error) || !check_patches(primary.get(), patches, error) ||
+  if (!begin_classification(outputs, error) || !check_patches(primary.get(), patches, error) ||
       !take_snapshot(classifier, kPatchTexts, scratch, error)) {
     return false;
   }
@@ -114,7 +114,7 @@ bool classify_patches(const std::unique_ptr<TrtBackbone>& primary,
     return false;
   }
   outputs.responses->resize(patches.count);
-  if (outputs.features != nullptr) resize_features(patches.count, scratch, outputs.features);
+  if (outputs.features != nullptr) outputs.features->resize(patches.count);
   for (std::size_t first = 0; first < patches.count; first += workers.size()) {
     const Group group{first, std::min(workers.size(), patches.count - first)};
     if (classify_group(workers, patches, group, plan, scratch, outputs, error)) continue;

@@ -1,25 +1,8 @@
-// Memory that runs out while an engine is loaded, by an `operator new` of this program's own.
-#include <atomic>
-#include <cstdlib>
+// Memory that runs out while an engine is loaded.
 #include <new>
 
 #include "engine_fixture.h"
-
-namespace {
-std::atomic<std::size_t> refused_size{0};
-}  // namespace
-
-void* operator new(std::size_t size) {
-  if (size != 0 && size == refused_size) throw std::bad_alloc();
-  if (void* const memory = std::malloc(size == 0 ? 1 : size)) return memory;
-  throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-void operator delete(void* memory, std::size_t /*size*/) noexcept {
-  std::free(memory);
-}
+#include "support/heap_counter.h"
 
 namespace ostrel_test {
 namespace {
@@ -36,9 +19,9 @@ TEST_F(TrtAllocationFailureTest, EndsInATextAndWithoutAPrimaryWorker) {
   engine.batch = 1;
   ASSERT_TRUE(start(engine, 3)) << error;
   const std::string path = large_file();
-  refused_size = kFileSize;
+  fail_heap_allocations_of(kFileSize);
   const bool made = start(path, 3);
-  refused_size = 0;
+  fail_heap_allocations_of(0);
   EXPECT_FALSE(made);
   EXPECT_EQ(error, std::string("failed to initialize TensorRT backbone: ") + std::bad_alloc().what());
   EXPECT_EQ(trt, nullptr);
@@ -47,16 +30,16 @@ TEST_F(TrtAllocationFailureTest, EndsInATextAndWithoutAPrimaryWorker) {
 
 TEST_F(TrtAllocationFailureTest, NeedsNoPlaceForTheText) {
   const std::string path = large_file();
-  refused_size = kFileSize;
+  fail_heap_allocations_of(kFileSize);
   EXPECT_FALSE(atom::make_trt_workers({path, 32, 1}, &trt, &trt_workers, nullptr));
-  refused_size = 0;
+  fail_heap_allocations_of(0);
 }
 
 TEST_F(TrtAllocationFailureTest, LeavesTheNextStartToSucceed) {
   const std::string path = large_file();
-  refused_size = kFileSize;
+  fail_heap_allocations_of(kFileSize);
   EXPECT_FALSE(start(path, 3));
-  refused_size = 0;
+  fail_heap_allocations_of(0);
   EXPECT_TRUE(start(StridedEngine{}, 3)) << error;
 }
 
