@@ -33,6 +33,44 @@ struct CudaRuntimeBackendTestAccess {
   static std::atomic<int>& active_training_job(Backend& backend) { return backend.active_training_job; }
   static std::future<void>& training_future(Backend& backend) { return backend.training_future; }
 
+  static std::unique_ptr<TrtBackbone>& trt(Backend& backend) { return backend.trt; }
+  static std::vector<std::unique_ptr<TrtBackbone>>& trt_workers(Backend& backend) {
+    return backend.trt_workers;
+  }
+
+  static bool initialize_runtime(Backend& backend, std::string* error) {
+    return backend.initialize_runtime_(error);
+  }
+  static bool upload_trt_input_patches(Backend& backend, TrtBackbone* worker,
+                                       const std::vector<cv::Mat>& patches, std::string* error) {
+    return backend.upload_trt_input_patches_(worker, patches, error);
+  }
+  static FeatureMap run_trt_forward(Backend& backend, const cv::Mat& patch, std::string* error) {
+    return backend.run_trt_forward_(patch, error);
+  }
+  static FeatureMap run_trt_forward_batched(Backend& backend, const std::vector<cv::Mat>& patches,
+                                            std::string* error) {
+    return backend.run_trt_forward_batched_(patches, error);
+  }
+  static bool extract_feature_map(Backend& backend, const cv::Mat& patch, FeatureMap* out,
+                                  std::string* error) {
+    return backend.extract_feature_map_(patch, out, error);
+  }
+  static std::vector<FeatureMap> extract_feature_maps_batched(Backend& backend,
+                                                              const std::vector<cv::Mat>& patches) {
+    return backend.extract_feature_maps_batched_(patches);
+  }
+  static bool classify_tensor_batch_on_gpu(Backend& backend, const optrix::TensorBatch& batch,
+                                           std::vector<cv::Mat>* responses, std::vector<FeatureMap>* features,
+                                           GpuTrackTimings* timings, std::string* error) {
+    return backend.classify_tensor_batch_on_gpu_(batch, responses, features, timings, error);
+  }
+  static bool classify_patches_on_gpu(Backend& backend, const std::vector<cv::Mat>& patches,
+                                      std::vector<cv::Mat>* responses, std::vector<FeatureMap>* features,
+                                      GpuTrackTimings* timings, std::string* error) {
+    return backend.classify_patches_on_gpu_(patches, responses, features, timings, error);
+  }
+
   static std::string not_implemented_error(const Backend& backend, const char* stage) {
     return backend.not_implemented_error_(stage);
   }
@@ -61,9 +99,6 @@ struct CudaRuntimeBackendTestAccess {
   }
   static bool adopt_filter(Backend& backend, std::vector<float> filter) {
     return backend.adopt_filter_(std::move(filter));
-  }
-  static bool initialize_runtime(Backend& backend, std::string* error) {
-    return backend.initialize_runtime_(error);
   }
   static bool finalize_init_training(Backend& backend, const std::vector<FeatureMap>& features,
                                      const std::vector<LabelMap>& labels, int iterations,

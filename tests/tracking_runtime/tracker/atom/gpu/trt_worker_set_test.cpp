@@ -271,6 +271,18 @@ TEST_F(TrtWorkerSetTest, WaitsForQueuedWorkBeforeAWorkerGoes) {
   EXPECT_EQ(host_cuda::counters().frees_while_work_pending, pending);
 }
 
+TEST_F(TrtWorkerSetTest, ReleasesPinnedThenDeviceMemoryThenStreamAndEvents) {
+  ASSERT_TRUE(start(engine_of_batch(1), 1));
+  host_cuda::start_trace();
+  trt.reset();
+  std::vector<std::string> expected{"cudaStreamSynchronize"};
+  expected.insert(expected.end(), 2, "cudaFreeHost");
+  expected.insert(expected.end(), 4, "cudaFree");
+  expected.push_back("cudaStreamDestroy");
+  expected.insert(expected.end(), 10, "cudaEventDestroy");
+  EXPECT_EQ(host_cuda::stop_trace(), expected);
+}
+
 TEST_F(TrtWorkerSetTest, KeepsTheEngineInTheCacheWhenTheLastWorkerGoes) {
   const std::string path = write_engine({});
   ASSERT_TRUE(start(path, 2));
