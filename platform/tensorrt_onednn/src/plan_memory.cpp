@@ -5,6 +5,12 @@
 #include "plan_builder.h"
 
 namespace ostrel::tensorrt_onednn {
+namespace {
+
+// Far beyond any use; a system that overcommits would grant more and fail later.
+constexpr std::size_t kLargestBlock = std::size_t{1} << 36;
+
+}  // namespace
 
 int PlanBuilder::new_buffer(std::size_t bytes) {
   Buffer buffer;
@@ -46,6 +52,9 @@ void PlanBuilder::allocate() {
   for (std::size_t i = 0; i < owners.size(); ++i) buffers_[owners[i]].lifetime = lifetimes[i];
   plan_->intermediate_bytes_ = bytes;
   if (bytes == 0) return;
+  if (bytes > kLargestBlock) {
+    throw ModelError("these shapes need " + std::to_string(bytes) + " bytes of intermediate memory");
+  }
   plan_->block_.reset(std::aligned_alloc(kBufferAlignment, bytes));
   if (plan_->block_ == nullptr) throw std::bad_alloc();
 }

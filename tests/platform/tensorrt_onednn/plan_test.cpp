@@ -102,7 +102,8 @@ TEST(Plan, SharesPackedWeightsBetweenContexts) {
 
 TEST(Plan, RefusesShapesWithoutARoomForThem) {
   const auto network = load(backbone::trunk_bytes(tiny_trunk()));
-  EXPECT_THROW(build_plan(network, {{1LL << 24, 3, 32, 32}}, 1), std::exception);
+  EXPECT_THROW(build_plan(network, {{1LL << 24, 3, 32, 32}}, 1), ModelError);
+  EXPECT_THROW(build_plan(network, {{1, 3, 1LL << 24, 1LL << 24}}, 1), ModelError);
 }
 
 }  // namespace
