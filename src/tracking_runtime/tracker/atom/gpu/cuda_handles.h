@@ -130,13 +130,15 @@ GroupMember(Buffer&, std::size_t, const char*) -> GroupMember<Buffer>;
 template <typename... Buffers>
 bool ensure_group(std::string* error, GroupMember<Buffers>... members) {
   if ((members.buffer.holds(members.count) && ...)) return true;
+  bool released = true;
   const auto release = [&](auto& member) {
-    return set_cuda_error(member.buffer.reset(), member.label, error);
+    released = set_cuda_error(member.buffer.reset(), member.label, error) && released;
   };
   const auto allocate = [&](auto& member) {
     return set_cuda_error(member.buffer.ensure(member.count), member.label, error);
   };
-  if ((release(members) & ...) && (allocate(members) && ...)) return true;
+  (release(members), ...);
+  if (released && (allocate(members) && ...)) return true;
   (members.buffer.reset(), ...);
   return false;
 }

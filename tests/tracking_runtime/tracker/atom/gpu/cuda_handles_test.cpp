@@ -170,6 +170,18 @@ TEST_F(CudaHandles, GroupIsFreedWhenAMemberFails) {
       atom::ensure_group(nullptr, GroupMember{a, std::numeric_limits<std::size_t>::max(), "alloc a"}));
 }
 
+TEST_F(CudaHandles, GroupTellsOfAFailedReleaseAndIsEmptyAfterIt) {
+  DeviceBuffer<float> a, b;
+  ASSERT_TRUE(atom::ensure_group(&error_, GroupMember{a, 4, "alloc a"}, GroupMember{b, 4, "alloc b"}));
+  float* const memory = a.get();
+  host::fail_call("cudaFree", 1, cudaErrorUnknown);
+  EXPECT_FALSE(atom::ensure_group(&error_, GroupMember{a, 5, "alloc a"}, GroupMember{b, 5, "alloc b"}));
+  EXPECT_EQ(error_, std::string("alloc a: ") + cudaGetErrorString(cudaErrorUnknown));
+  EXPECT_FALSE(a);
+  EXPECT_FALSE(b);
+  ASSERT_EQ(cudaFree(memory), cudaSuccess);  // the refused call had no effect
+}
+
 TEST_F(CudaHandles, StreamIsMadeAndDestroyedOnce) {
   CudaStream stream;
   EXPECT_FALSE(stream);
