@@ -6,6 +6,7 @@
 #include <host_cuda/control.h>
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -87,6 +88,23 @@ inline std::vector<Published> publishedIn(const std::vector<AlgoOutput>& outputs
   return boxes;
 }
 
+/// Lets held starts go on, at the latest when it leaves.
+class HeldStarts {
+ public:
+  HeldStarts() : gate_(std::make_shared<std::promise<void>>()), opened_(gate_->get_future().share()) {}
+  HeldStarts(HeldStarts&&) = default;
+  ~HeldStarts() { release(); }
+  void release() {
+    if (gate_) gate_->set_value();
+    gate_.reset();
+  }
+  std::shared_future<void> opened() const { return opened_; }
+
+ private:
+  std::shared_ptr<std::promise<void>> gate_;
+  std::shared_future<void> opened_;
+};
+
 /// The plug-in object over the fake backend, driven as a host does.
 class AlgoTest : public testing::Test {
  protected:
@@ -108,10 +126,23 @@ class AlgoTest : public testing::Test {
     return publishedIn(outputs);
   }
 
+  /// Starts of the backend wait until they are released.
+  [[nodiscard]] HeldStarts holdStarts() {
+    HeldStarts starts;
+    script([opened = starts.opened()](FakeBackendScript& backend) {
+      backend.on_call = [opened, then = backend.on_call](const std::string& operation) {
+        if (operation == "initialize") opened.wait();
+        if (then) then(operation);
+      };
+    });
+    return starts;
+  }
   /// Launches the worker and waits for its result, which the next update finds.
   void warmUp(const PicturePtr& picture = makePicture(), const ::BBox& roi = {8, 8, 20, 16}) {
+    auto starts = holdStarts();  // a quick worker could be done within the update that launches it
     EXPECT_TRUE(init(picture, roi));
     update(picture);
+    starts.release();
     Access::waitForWorkers(*algo);
   }
   /// Up to the first tracked frame, which this publishes.

@@ -24,7 +24,10 @@ struct OstrelAlgoTestAccess {
   static bool& initialized(OstrelAlgo& algo) { return algo.initialized_; }
   static bool& armed(OstrelAlgo& algo) { return algo.tracking_armed_; }
   static std::int32_t& processingWidth(OstrelAlgo& algo) { return algo.tracker_input_width_; }
+  static float& inverseScaleX(OstrelAlgo& algo) { return algo.inverse_scale_x_; }
   static std::uint64_t& lastTrackOkNs(OstrelAlgo& algo) { return algo.last_track_ok_ns_; }
+  static std::uint64_t& initReturnNs(OstrelAlgo& algo) { return algo.init_return_ns_; }
+  static std::uint64_t& initLaunchNs(OstrelAlgo& algo) { return algo.init_launch_ns_; }
   static std::uint64_t generation(OstrelAlgo& algo) { return algo.init_generation_; }
   static std::uint32_t overlayFrameIndex(OstrelAlgo& algo) { return algo.overlay_frame_index_; }
   static auto& overlays(OstrelAlgo& algo) { return algo.overlays_; }

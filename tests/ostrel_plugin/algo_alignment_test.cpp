@@ -1,0 +1,251 @@
+#include <cmath>
+#include <limits>
+
+#include "ostrel_plugin/algo_fixture.h"
+
+namespace ostrel_test {
+namespace {
+
+using testing::Contains;
+using testing::IsEmpty;
+using testing::Not;
+
+constexpr const char* kFollowMe = "lumenar.follow_me_enabled_command";
+
+class AlgoAlignment : public AlgoTest {
+ protected:
+  AlgoAlignment() { config().preposition_enabled = true; }
+
+  static Metadata followMe(Metadata metadata) {
+    metadata[kFollowMe] = std::int32_t{1};
+    return metadata;
+  }
+  static PicturePtr view(double pan, double tilt, double hfov = 40, double vfov = 30) {
+    return makePicture(100, 80, followMe(makeView(pan, tilt, hfov, vfov)));
+  }
+  /// A start whose target lies at pan 20, tilt 12.5; its tracker is ready at the next update.
+  void warmUpWithTarget() { warmUp(view(10, 5), {65, 10, 20, 20}); }
+};
+
+TEST_F(AlgoAlignment, WaitsForTheViewAndThenMovesTheTracker) {
+  warmUpWithTarget();
+  EXPECT_EQ(Access::target(*algo), std::make_pair(20.0, 12.5));
+  EXPECT_THAT(update(view(10, 5)), IsEmpty());
+  EXPECT_EQ(phase(), "waiting_alignment");
+  EXPECT_EQ(status(), "wait_alignment");
+  EXPECT_EQ(detail(), "dx_norm=0.25 dy_norm=-0.25");
+  EXPECT_EQ(property().at("initialized"), true);
+  EXPECT_FALSE(Access::armed(*algo));
+
+  script([](FakeBackendScript& backend) { backend.teleport.text = "moved"; });
+  algo->enableDebug(true);
+  const RecordedLog log;
+  const auto boxes = update(view(20, 12.5));
+  ASSERT_EQ(boxes.size(), 1U);  // the same frame is tracked
+  EXPECT_EQ(phase(), "ready");
+  EXPECT_TRUE(Access::armed(*algo));
+  EXPECT_THAT(log.console(), Contains("runtime_status=teleport_ok detail=moved"));
+  EXPECT_THAT(log.infos(),
+              Contains(ReadsLike("[TRACK_FLOW][OT] tracking_armed steady_ns=<n> pic_ptr=<p> pic_ts=77 "
+                                 "bbox_full=[40,30,20,20] dx_norm=0.00000 dy_norm=0.00000 "
+                                 "hfov=40.000 vfov=30.000")));
+  const FakeBackendScript seen = asked();
+  EXPECT_FLOAT_EQ(seen.expected.x, 40.0F);
+  EXPECT_FLOAT_EQ(seen.expected.y, 30.0F);
+  EXPECT_FLOAT_EQ(seen.expected.width, 20.0F);
+  EXPECT_FLOAT_EQ(seen.expected.height, 20.0F);
+  EXPECT_THAT(seen.calls, testing::ElementsAre("initialize", "teleport", "track_view"));
+  EXPECT_EQ(Access::zoomReference(*algo), std::make_pair(40.0, 30.0));
+}
+
+TEST_F(AlgoAlignment, ScalesTheExpectedBoxToTheProcessingFrame) {
+  Access::resizeScale(*algo) = 0.5F;
+  warmUpWithTarget();
+  update(view(20, 12.5));
+  EXPECT_FLOAT_EQ(asked().expected.x, 20.0F);
+  EXPECT_FLOAT_EQ(asked().expected.width, 10.0F);
+}
+
+TEST_F(AlgoAlignment, TakesTheExpectedBoxAsTheLastOneAndRefreshesLiveness) {
+  warmUpWithTarget();
+  script([](FakeBackendScript& backend) { backend.track.ok = false; });
+  const auto boxes = update(view(20, 12.5));
+  ASSERT_EQ(boxes.size(), 1U);
+  EXPECT_TRUE(boxes[0].box == (::BBox{40, 30, 20, 20}));
+  EXPECT_NE(Access::lastTrackOkNs(*algo), 0U);
+}
+
+TEST_F(AlgoAlignment, FollowsAtOnceForARegionInTheCentre) {
+  warmUp(view(10, 5), {40, 30, 20, 20});
+  EXPECT_EQ(Access::target(*algo), std::make_pair(10.0, 5.0));
+  EXPECT_EQ(update(view(10, 5)).size(), 1U);
+  EXPECT_EQ(phase(), "ready");
+}
+
+TEST_F(AlgoAlignment, AllowsFivePercentOfTheFieldOfViewOnEitherAxis) {
+  warmUp(view(0, 0, 40, 40), {40, 30, 20, 20});
+  update(view(2.1, 0, 40, 40));
+  EXPECT_EQ(status(), "wait_alignment");
+  update(view(0, -2.1, 40, 40));
+  EXPECT_EQ(status(), "wait_alignment");
+  EXPECT_EQ(update(view(2.0, -2.0, 40, 40)).size(), 1U);  // exactly five percent
+}
+
+TEST_F(AlgoAlignment, GoesTheShorterWayRoundInPanAndNotInTilt) {
+  warmUp(view(179, 0, 40, 30), {40, 30, 20, 20});
+  EXPECT_THAT(update(view(-179, 0, 40, 30)), Not(IsEmpty()));  // two degrees, not 358
+}
+
+TEST_F(AlgoAlignment, DoublesTheExpectedBoxWhenTheViewNarrowsToAHalf) {
+  warmUp(view(0, 0, 40, 30), {40, 30, 20, 20});
+  update(view(0, 0, 20, 15));
+  EXPECT_FLOAT_EQ(asked().expected.width, 40.0F);
+  EXPECT_FLOAT_EQ(asked().expected.x, 30.0F);
+  EXPECT_EQ(Access::zoomReference(*algo), std::make_pair(20.0, 15.0));
+}
+
+TEST_F(AlgoAlignment, LimitsTheExpectedBoxByTheScaleSettings) {
+  algo->enableDebug(true);
+  warmUp(view(0, 0, 40, 30), {40, 30, 20, 20});
+  const RecordedLog log;
+  update(view(0, 0, 10, 15));
+  EXPECT_FLOAT_EQ(asked().expected.width, 50.0F);  // 2.5 times the start, not 4 times
+  EXPECT_THAT(log.console(), Contains("preposition_expected_bbox_clamped raw=(80.00,40.00) "
+                                      "clamped=(50.00,40.00) ref=(20,20) scale_limits=[0.400,2.500]"));
+}
+
+TEST_F(AlgoAlignment, SaysNothingWhenNoLimitActs) {
+  algo->enableDebug(true);
+  warmUp(view(0, 0, 40, 30), {40, 30, 20, 20});
+  const RecordedLog log;
+  update(view(0, 0, 20, 15));
+  EXPECT_THAT(log.console(), Not(Contains(ReadsLike("preposition_expected_bbox_clamped<*>"))));
+}
+
+TEST_F(AlgoAlignment, WaitsOutFramesThatCannotBeJudged) {
+  warmUpWithTarget();
+  update(nullptr);
+  EXPECT_EQ(status(), "wait_alignment_no_frame");
+  update(makePicture(98, 80, makeView(20, 12.5, 40, 30)));
+  EXPECT_EQ(status(), "wait_alignment_source_size_changed");
+  update(makePicture(100, 90, makeView(20, 12.5, 40, 30)));
+  EXPECT_EQ(status(), "wait_alignment_source_size_changed");
+  update(makePicture(100, 80));
+  EXPECT_EQ(status(), "wait_alignment_metadata");
+  Metadata whole_degrees = makeView(20, 12.5, 40, 30);
+  whole_degrees["pan_deg"] = std::int32_t{20};
+  update(makePicture(100, 80, whole_degrees));
+  EXPECT_EQ(status(), "wait_alignment_metadata");
+  EXPECT_EQ(phase(), "waiting_alignment");
+  EXPECT_EQ(update(view(20, 12.5)).size(), 1U);
+}
+
+TEST_F(AlgoAlignment, TriesAgainAfterARefusedMove) {
+  warmUpWithTarget();
+  script([](FakeBackendScript& backend) { backend.teleport = {false, "no state", {}, 0.0F}; });
+  algo->enableDebug(true);
+  const RecordedLog log;
+  EXPECT_THAT(update(view(20, 12.5)), IsEmpty());
+  EXPECT_EQ(status(), "teleport_failed");
+  EXPECT_EQ(detail(), "no state");
+  EXPECT_EQ(phase(), "waiting_alignment");
+  EXPECT_THAT(log.infos(),
+              Contains(ReadsLike("[TRACK_FLOW][OT] teleport_failed steady_ns=<n> pic_ptr=<p> pic_ts=77 "
+                                 "bbox_full=[40,30,20,20] bbox_proc=[40,30,20,20] status=no state")));
+  script([](FakeBackendScript& backend) { backend.teleport.ok = true; });
+  EXPECT_EQ(update(view(20, 12.5)).size(), 1U);
+}
+
+TEST_F(AlgoAlignment, NeverRunsIntoTheDeadTimeoutWhileItWaits) {
+  config().dead_timeout_s = 0.001F;
+  warmUpWithTarget();
+  update(view(10, 5));
+  Access::lastTrackOkNs(*algo) = 1;
+  update(view(10, 5));
+  EXPECT_TRUE(algo->isAlive());
+  EXPECT_EQ(status(), "wait_alignment");
+}
+
+TEST_F(AlgoAlignment, TracksWithoutATargetWhenItIsSwitchedOff) {
+  warmUpWithTarget();
+  config().preposition_enabled = false;
+  EXPECT_EQ(update(view(10, 5)).size(), 1U);
+  EXPECT_EQ(phase(), "ready");
+  EXPECT_FALSE(Access::haveTarget(*algo));
+  EXPECT_EQ(Access::target(*algo), std::make_pair(0.0, 0.0));
+  EXPECT_EQ(Access::zoomReference(*algo), std::make_pair(40.0, 30.0));
+}
+
+TEST_F(AlgoAlignment, ArmsWhenTheTargetIsDroppedDuringTheWait) {
+  warmUpWithTarget();
+  update(view(10, 5));
+  ASSERT_EQ(phase(), "waiting_alignment");
+  config().preposition_enabled = false;
+  EXPECT_EQ(update(view(10, 5)).size(), 1U);
+  EXPECT_EQ(phase(), "ready");
+  EXPECT_FALSE(Access::haveTarget(*algo));
+  EXPECT_TRUE(Access::haveZoomReference(*algo));
+}
+
+TEST_F(AlgoAlignment, SkipsByItsPhaseWhenTheTrackerIsGone) {
+  warmUpWithTarget();
+  update(view(10, 5));
+  Access::tracker(*algo).reset();
+  EXPECT_THAT(update(view(20, 12.5)), IsEmpty());
+  EXPECT_EQ(status(), "update_skip_waiting_alignment");
+}
+
+TEST(ViewGeometry, ReadsFourDoublesAndWrapsPan) {
+  double pan = 0, tilt = 0, hfov = 0, vfov = 0;
+  EXPECT_TRUE(Access::readView(makeView(190, 200, 40, 30), pan, tilt, hfov, vfov));
+  EXPECT_DOUBLE_EQ(pan, -170);
+  EXPECT_DOUBLE_EQ(tilt, 200);  // tilt is not wrapped
+  EXPECT_DOUBLE_EQ(hfov, 40);
+  EXPECT_DOUBLE_EQ(vfov, 30);
+}
+
+TEST(ViewGeometry, NeedsAllFourAndFieldsOfViewWithASize) {
+  double pan = 0, tilt = 0, hfov = 0, vfov = 0;
+  for (const char* key : {"pan_deg", "tilt_deg", "hfov_deg", "vfov_deg"}) {
+    Metadata metadata = makeView(1, 2, 40, 30);
+    metadata.erase(key);
+    EXPECT_FALSE(Access::readView(metadata, pan, tilt, hfov, vfov)) << key;
+    metadata[key] = std::numeric_limits<double>::infinity();
+    EXPECT_FALSE(Access::readView(metadata, pan, tilt, hfov, vfov)) << key;
+  }
+  EXPECT_FALSE(Access::readView(makeView(1, 2, 1e-6, 30), pan, tilt, hfov, vfov));
+  EXPECT_FALSE(Access::readView(makeView(1, 2, 40, 0), pan, tilt, hfov, vfov));
+}
+
+TEST(ViewGeometry, LeavesWhatItReadBeforeTheFirstMissingValue) {
+  double pan = 9, tilt = 9, hfov = 9, vfov = 9;
+  Metadata metadata = makeView(190, 2, 40, 30);
+  metadata.erase("hfov_deg");
+  EXPECT_FALSE(Access::readView(metadata, pan, tilt, hfov, vfov));
+  EXPECT_EQ(pan, 190);
+  EXPECT_EQ(tilt, 2);
+  EXPECT_EQ(hfov, 9);
+}
+
+TEST(PrepositionTarget, MapsTheFieldOfViewLinearly) {
+  double pan = 0, tilt = 0;
+  EXPECT_TRUE(Access::buildTarget(makeView(350, 5, 40, 30), {75, 0, 10, 10}, 100, 100, pan, tilt));
+  EXPECT_DOUBLE_EQ(pan, 362);    // right of the centre: more pan, not wrapped
+  EXPECT_DOUBLE_EQ(tilt, 18.5);  // above the centre: more tilt
+}
+
+TEST(PrepositionTarget, NeedsAFrameABoxAndAView) {
+  double pan = 0, tilt = 0;
+  const Metadata view = makeView(1, 2, 40, 30);
+  EXPECT_FALSE(Access::buildTarget(view, {0, 0, 10, 10}, 0, 100, pan, tilt));
+  EXPECT_FALSE(Access::buildTarget(view, {0, 0, 10, 10}, 100, -1, pan, tilt));
+  EXPECT_FALSE(Access::buildTarget(view, {0, 0, 0, 10}, 100, 100, pan, tilt));
+  EXPECT_FALSE(Access::buildTarget(view, {0, 0, 10, -5}, 100, 100, pan, tilt));
+  EXPECT_FALSE(Access::buildTarget({}, {0, 0, 10, 10}, 100, 100, pan, tilt));
+  const double huge = std::numeric_limits<double>::max();
+  EXPECT_FALSE(Access::buildTarget(makeView(huge, 2, huge, 30), {900, 0, 10, 10}, 100, 100, pan, tilt));
+  EXPECT_TRUE(Access::buildTarget(makeView(1, 2, 0, -3), {0, 0, 10, 10}, 100, 100, pan, tilt));
+}
+
+}  // namespace
+}  // namespace ostrel_test

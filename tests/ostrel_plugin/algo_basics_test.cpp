@@ -1,0 +1,208 @@
+#include <regex>
+
+#include "ostrel_plugin/algo_fixture.h"
+
+namespace ostrel_test {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class AlgoBasics : public AlgoTest {};
+
+TEST_F(AlgoBasics, AnnouncesItsTwoOutputTypes) {
+  const auto declarations = algo->getOutputDeclarations();
+  ASSERT_EQ(declarations.size(), 2U);
+  EXPECT_EQ(declarations[0].output_type, "detection.v1");
+  EXPECT_EQ(declarations[0].param_a, 10);
+  EXPECT_EQ(declarations[0].param_b, 30);
+  EXPECT_EQ(declarations[1].output_type, "gimbal_preposition.v1");
+  EXPECT_EQ(declarations[1].param_a, 0);
+  EXPECT_EQ(declarations[1].param_b, 0);
+}
+
+TEST_F(AlgoBasics, HasAFixedNameAndIsDynamic) {
+  EXPECT_EQ(algo->getName(), "OstrelAlgo");
+  EXPECT_TRUE(algo->isDynamic());
+}
+
+TEST_F(AlgoBasics, IsAliveBeforeItEverTracked) {
+  EXPECT_TRUE(algo->isAlive());
+}
+
+TEST_F(AlgoBasics, ShowsItsStateAfterConstruction) {
+  EXPECT_EQ(algo->property(""),
+            "{\"alive\":true,\"initialized\":false,\"init_phase\":\"idle\",\"score\":0,\"bbox\":[0,0,0,0],"
+            "\"runtime_status\":\"idle\",\"runtime_detail\":\"\",\"raw_bbox\":[0,0,0,0],\"raw_score\":0,"
+            "\"frame_width\":0,\"frame_height\":0,\"resize_scale\":1,\"tracker_input_width\":0,"
+            "\"tracker_input_height\":0,\"source_width\":0,\"source_height\":0,\"debug_frame_counter\":0,"
+            "\"debug_log_period\":5,\"tracking_dead_timeout_s\":10,\"track_idle_ms\":-1,"
+            "\"stats\":{\"update_calls\":0,\"track_ok\":0,\"track_fail\":0,\"track_fail_hold\":0}}");
+}
+
+TEST_F(AlgoBasics, IgnoresTheArgumentOfProperty) {
+  EXPECT_EQ(algo->property("alive"), algo->property("no such key"));
+}
+
+TEST_F(AlgoBasics, WritesNumbersWithSixDigitsWhateverTheLocale) {
+  struct Grouping : std::numpunct<char> {
+    char do_decimal_point() const override { return ','; }
+    std::string do_grouping() const override { return "\3"; }
+  };
+  const std::locale before = std::locale::global(std::locale(std::locale(), new Grouping));
+  Access::resizeScale(*algo) = 0.7F;
+  config().dead_timeout_s = 1234567.0F;
+  Access::bbox(*algo) = {1234567, 0, 0, 0};
+  const std::string text = algo->property("");
+  std::locale::global(before);
+  EXPECT_THAT(text, testing::HasSubstr("\"resize_scale\":0.7,"));
+  EXPECT_THAT(text, testing::HasSubstr("\"tracking_dead_timeout_s\":1.23457e+06,"));
+  EXPECT_THAT(text, testing::HasSubstr("\"bbox\":[1234567,0,0,0]"));
+}
+
+TEST_F(AlgoBasics, EscapesStatusAndDetail) {
+  Access::setStatus(*algo, "a\"b", std::string("tab\tand\x01quote\\"));
+  EXPECT_THAT(algo->property(""),
+              testing::HasSubstr(R"("runtime_status":"a\"b","runtime_detail":"tab\tand quote\\")"));
+}
+
+TEST_F(AlgoBasics, ListsItsPropertiesAndSettingsAsConstantTexts) {
+  const std::string settings = algo->getConfigList();
+  EXPECT_EQ(settings.substr(0, 2), "\n{");
+  const auto listed = nlohmann::json::parse(algo->getPropertyList()).at("properties");
+  const auto shown = property();
+  EXPECT_EQ(listed.size(), shown.size());
+  for (const auto& [key, value] : shown.items()) EXPECT_TRUE(listed.contains(key)) << key;
+  algo->setConfig("{}");
+  EXPECT_EQ(algo->getConfigList(), settings);
+}
+
+TEST_F(AlgoBasics, IgnoresPerformanceAndProperties) {
+  const std::string before = algo->property("");
+  for (const int level : {-1, 0, 1000000}) algo->changePerformance(level);
+  algo->setProperty("alive", "false");
+  algo->setProperty("", "");
+  EXPECT_EQ(algo->property(""), before);
+}
+
+TEST_F(AlgoBasics, KeepsOneIdentifierOfItsOwn) {
+  OstrelAlgo other;
+  const std::string uuid = algo->getUuid();
+  EXPECT_EQ(algo->getUuid(), uuid);
+  EXPECT_NE(other.getUuid(), uuid);
+  EXPECT_TRUE(std::regex_match(uuid, std::regex("[0-9a-f]{4,32}"))) << uuid;
+}
+
+TEST_F(AlgoBasics, NamesEveryPhase) {
+  using Phase = Access::Phase;
+  EXPECT_EQ(Access::phaseName(Phase::Idle), "idle");
+  EXPECT_EQ(Access::phaseName(Phase::WaitingFirstUpdate), "waiting_first_update");
+  EXPECT_EQ(Access::phaseName(Phase::WarmingUp), "warming_up");
+  EXPECT_EQ(Access::phaseName(Phase::WaitingAlignment), "waiting_alignment");
+  EXPECT_EQ(Access::phaseName(Phase::Ready), "ready");
+  EXPECT_EQ(Access::phaseName(Phase::Failed), "failed");
+  EXPECT_EQ(Access::phaseName(static_cast<Phase>(99)), "unknown");
+  EXPECT_EQ(static_cast<int>(Phase::Failed), 5);
+}
+
+TEST_F(AlgoBasics, OrdersTheMembersOfADetectionByContract) {
+  DetectionResult result;
+  result.detections.push_back({{-1, 2, 3, 4}, -1, "boat", "", 7, 0.7F});
+  result.detections.push_back({});
+  const AlgoOutput output = Access::detections(*algo, result);
+  EXPECT_EQ(output.output_type, "detection.v1");
+  const auto& payload = std::get<4>(output.payload.value);
+  ASSERT_EQ(payload.size(), 1U);
+  EXPECT_EQ(payload[0].first, "detections");
+  const auto& detections = std::get<5>(payload[0].second.value);
+  ASSERT_EQ(detections.size(), 2U);
+
+  const auto& members = std::get<4>(detections[0].value);
+  const std::pair<const char*, std::size_t> expected[] = {
+      {"x", 1},          {"y", 1},          {"w", 1},          {"h", 1},    {"class_id", 1},
+      {"class_name", 3}, {"class_info", 3}, {"tracker_id", 1}, {"score", 2}};
+  ASSERT_EQ(members.size(), std::size(expected));
+  for (std::size_t i = 0; i < members.size(); ++i) {
+    EXPECT_EQ(members[i].first, expected[i].first);
+    EXPECT_EQ(members[i].second.value.index(), expected[i].second) << members[i].first;
+  }
+  EXPECT_EQ(std::get<1>(members[0].second.value), -1);
+  EXPECT_EQ(std::get<1>(members[4].second.value), -1);
+  EXPECT_EQ(std::get<3>(members[5].second.value), "boat");
+  EXPECT_EQ(std::get<1>(members[7].second.value), 7);
+  EXPECT_EQ(std::get<2>(members[8].second.value), 0.699999988079071044921875);  // the float, widened
+}
+
+TEST_F(AlgoBasics, AnswersWithAnEmptyListOfDetectionsRatherThanNoOutput) {
+  bool ok = false;
+  EXPECT_THAT(publishedIn(algo->update({}, &ok)), IsEmpty());
+  EXPECT_TRUE(ok);
+  EXPECT_EQ(status(), "update_skip_not_initialized");
+  EXPECT_THAT(publishedIn(algo->update({nullptr, makePicture()}, nullptr)), IsEmpty());
+}
+
+TEST_F(AlgoBasics, LogsNothingUntilDebuggingIsOn) {
+  const RecordedLog log;
+  startTracking();
+  update(makePicture());
+  EXPECT_THAT(log.infos(), IsEmpty());
+  EXPECT_THAT(log.warnings(), IsEmpty());
+  EXPECT_EQ(log.consoleText(), "");
+}
+
+TEST_F(AlgoBasics, LogsAChangeOfStatusOnBothPaths) {
+  algo->enableDebug(true);
+  const RecordedLog log;
+  Access::setStatus(*algo, "word", "");
+  Access::setStatus(*algo, "word", "because");
+  EXPECT_THAT(log.console(), ElementsAre("runtime_status=word", "runtime_status=word detail=because"));
+  EXPECT_THAT(
+      log.infos(),
+      ElementsAre(ReadsLike("[TRACK_FLOW][OT] runtime_status steady_ns=<n> status=word detail=-"),
+                  ReadsLike("[TRACK_FLOW][OT] runtime_status steady_ns=<n> status=word detail=because")));
+}
+
+TEST_F(AlgoBasics, LogsARepeatedStatusOnlyAtAPeriodOfOneAndOnlyOnTheConsole) {
+  algo->enableDebug(true);
+  Access::setStatus(*algo, "word", "");
+  const RecordedLog log;
+  Access::setStatus(*algo, "word", "");
+  EXPECT_THAT(log.console(), IsEmpty());
+  Access::logPeriod(*algo) = 1;
+  Access::setStatus(*algo, "word", "");
+  EXPECT_THAT(log.console(), ElementsAre("runtime_status=word"));
+  EXPECT_THAT(log.infos(), IsEmpty());
+}
+
+TEST_F(AlgoBasics, KeepsTheWordOfEveryTrackedFrameOutOfTheLogger) {
+  algo->enableDebug(true);
+  const RecordedLog log;
+  Access::setStatus(*algo, "track_ok", "new detail");
+  EXPECT_THAT(log.console(), ElementsAre("runtime_status=track_ok detail=new detail"));
+  EXPECT_THAT(log.infos(), IsEmpty());
+}
+
+TEST_F(AlgoBasics, StopsLoggingWhenDebuggingIsTurnedOff) {
+  const RecordedLog log;
+  algo->enableDebug(true);
+  algo->enableDebug(false);
+  Access::setStatus(*algo, "word", "");
+  EXPECT_EQ(log.consoleText(), "");
+}
+
+TEST_F(AlgoBasics, SaysThatItReadsNoConfigurationYet) {
+  startTracking();
+  const std::string before = algo->property("").substr(0, algo->property("").find("\"track_idle_ms\""));
+  const RecordedLog log;
+  algo->setConfig("{\"debug\":{\"enabled\":true}}");
+  EXPECT_EQ(log.consoleText(), "");
+  algo->enableDebug(true);
+  algo->setConfig("{\"target\":{\"class_id\":3}}");
+  EXPECT_THAT(log.console(),
+              ElementsAre("setConfig(): not supported yet, 25 bytes ignored, the configuration "
+                          "stays as it was"));
+  EXPECT_EQ(algo->property("").substr(0, before.size()), before);
+}
+
+}  // namespace
+}  // namespace ostrel_test
