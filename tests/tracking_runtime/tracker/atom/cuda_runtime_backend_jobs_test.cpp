@@ -1,5 +1,6 @@
 // Training jobs: scheduling, log lines, exceptions, the wait at the end.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <host_cuda/control.h>
 
@@ -17,6 +18,8 @@
 
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
 namespace {
+
+using ::testing::Contains;
 
 using Lines = std::vector<std::string>;
 const std::string kTag = "[CudaRuntimeBackend][train] ";
@@ -92,8 +95,9 @@ TEST_F(TrainingJobs, SkipWhileOneRunsAndStoreTheSampleAllTheSame) {
     wait_for_job();
   });
   ASSERT_EQ(lines.size(), 5U);
-  EXPECT_EQ(lines[2], kTag + "frame=2 reason=hard_negative skip=busy active_job=1 iter=7 cap=9");
-  EXPECT_EQ(lines[3], kTag + "frame=3 reason=unknown skip=busy active_job=1 iter=7 cap=9");
+  // The job's own thread may begin late, so its lines may stand among these.
+  EXPECT_THAT(lines, Contains(kTag + "frame=2 reason=hard_negative skip=busy active_job=1 iter=7 cap=9"));
+  EXPECT_THAT(lines, Contains(kTag + "frame=3 reason=unknown skip=busy active_job=1 iter=7 cap=9"));
   EXPECT_EQ(Access::memory(*backend_).num_stored_samples, 5);
   EXPECT_EQ(Access::training_job_counter(*backend_), 1);
 }
@@ -247,9 +251,7 @@ TEST_F(TrainingJobs, AreAwaitedByTheEndOfTheBackend) {
   });
   EXPECT_TRUE(destroyed);
   ASSERT_EQ(lines.size(), 4U);
-  int waits = 0;
-  for (const std::string& line : lines) waits += line == kTag + "shutdown wait active_job=1" ? 1 : 0;
-  EXPECT_EQ(waits, 1);
+  EXPECT_THAT(lines, Contains(kTag + "shutdown wait active_job=1"));
   EXPECT_NE(lines[3].find("done status=ok"), std::string::npos);
 }
 
