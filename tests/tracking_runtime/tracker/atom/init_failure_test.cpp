@@ -141,8 +141,8 @@ TEST_F(TrackingStartFailure, CannotFallBackToATemplateThatDoesNotProject) {
 
 TEST_F(TrackingStartFailure, CannotFallBackWithoutATrainer) {
   ostrel::host_cuda::fail_every_call("compute_weighted_residual_grad_kernel", cudaErrorLaunchFailure);
-  expect_failure(frame, kBox, "failed to optimize template-only classifier",
-                 "failed to optimize initial classifier", "30\t20\t16\t12");
+  expect_failure(frame, {90, -4, 16, 12}, "failed to optimize template-only classifier",
+                 "failed to optimize initial classifier", "80\t0\t16\t12");
   EXPECT_EQ(memory().num_stored_samples, 1);
 }
 

@@ -69,6 +69,16 @@ TEST_F(TrackingStartFallback, TrainsOnTheTemplateAloneWhenTheSolverFails) {
   EXPECT_THAT(trace_lines(), ElementsAre(HasSubstr("ok_memory_ready")));
 }
 
+TEST_F(TrackingStartFallback, TakesTheTimeOfTheFallback) {
+  ostrel::host_cuda::fail_call("compute_weighted_residual_grad_kernel", 1, cudaErrorLaunchFailure);
+  InitPipeline pipeline(&backend(), frame, kBox, &error);
+  ::testing::internal::CaptureStderr();
+  ASSERT_TRUE(pipeline.run()) << error;
+  ::testing::internal::GetCapturedStderr();
+  const InitTimings t = InitPipelineTestAccess(&pipeline).timings();
+  EXPECT_GT(t.template_only, 0.0);
+}
+
 TEST_F(TrackingStartFallback, TakesTheTemplatesLabelForWhatHasNone) {
   ASSERT_TRUE(start()) << error;
   InitPipeline pipeline(&backend(), frame, kBox, &error);

@@ -31,14 +31,19 @@ struct InitPipelineTestAccess {
   void set_template(const FeatureMap& feature) { steps.template_feature = feature; }
   void add_item(const FeatureMap& feature) { steps.items.push_back({feature, {0.0F, 0.0F}}); }
 
+  void set_dropout_masks(const std::vector<float>& masks) { steps.augmented.dropout_masks = masks; }
+
   bool set_up_projection() { return steps.set_up_projection(); }
   bool set_up_filter() { return steps.set_up_filter(); }
   bool gather_raw_items() { return steps.gather_raw_items(); }
   bool make_labels() { return steps.make_labels(); }
+  void add_dropout_items() { steps.add_dropout_items(); }
   void project_items() { steps.project_items(); }
   bool train_first_filter() { return steps.train_first_filter(); }
 
   std::size_t item_count() const { return steps.items.size(); }
+  const FeatureMap& item(std::size_t index) const { return steps.items[index].feature; }
+  const InitTimings& timings() const { return steps.timings; }
   const std::vector<LabelMap>& item_labels() const { return steps.item_labels; }
   const std::vector<FeatureMap>& features() const { return steps.features; }
   const std::vector<LabelMap>& labels() const { return steps.labels; }

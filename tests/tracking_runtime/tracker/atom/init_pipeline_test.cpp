@@ -97,6 +97,49 @@ TEST_F(TrackingStart, MakesDropoutSamplesOfTheTemplate) {
   }
 }
 
+TEST_F(TrackingStart, GivesEachDropoutSampleItsOwnMask) {
+  InitPipeline pipeline(&backend(), frame, kBox, &error);
+  InitPipelineTestAccess access(&pipeline);
+  access.set_template({1, 2, 1, 1, {4.0F, 8.0F}});
+  access.set_dropout_masks({1.25F, 0.0F, 0.0F, 1.25F});
+  access.add_dropout_items();
+  ASSERT_EQ(access.item_count(), 2u);
+  EXPECT_EQ(access.item(0).data, (std::vector<float>{5.0F, 0.0F}));
+  EXPECT_EQ(access.item(1).data, (std::vector<float>{0.0F, 10.0F}));
+}
+
+TEST_F(TrackingStart, TrainsForTheConfiguredIterations) {
+  for (const int iterations : {1, 7}) {
+    config.startup_filter_iterations = iterations;
+    state().config.startup_filter_iterations = iterations;
+    ostrel::host_cuda::reset_counters();
+    ASSERT_TRUE(start()) << error;
+    EXPECT_EQ(ostrel::host_cuda::counters().launches_of("compute_weighted_jtj_response_kernel"), iterations);
+  }
+}
+
+TEST_F(TrackingStart, TakesTheTimeOfEachStageItPasses) {
+  InitPipeline pipeline(&backend(), frame, kBox, &error);
+  ::testing::internal::CaptureStderr();
+  ASSERT_TRUE(pipeline.run()) << error;
+  ::testing::internal::GetCapturedStderr();
+  const InitTimings t = InitPipelineTestAccess(&pipeline).timings();
+  const double passed[] = {
+      t.wait_prev_train, t.runtime,      t.template_patch, t.template_host, t.template_device,
+      t.projection_init, t.filter_init,  t.shift,          t.flip,          t.blur,
+      t.rotate,          t.dropout_prep, t.host_aug_feat,  t.host_dropout,  t.host_labels,
+      t.host_project,    t.memory_init,  t.memory_train};
+  double sum = 0.0;
+  for (const double stage_ms : passed) {
+    EXPECT_GT(stage_ms, 0.0);
+    sum += stage_ms;
+  }
+  EXPECT_GE(t.total, sum);
+  const double left_out[] = {t.direct_labels, t.direct_trt,          t.direct_preload,     t.direct_dropout,
+                             t.joint_opt,     t.direct_filter_train, t.projected_download, t.template_only};
+  for (const double stage_ms : left_out) EXPECT_EQ(stage_ms, 0.0);
+}
+
 TEST_F(TrackingStart, TrainsAFilterThatFindsTheTemplate) {
   config.startup_filter_iterations = 40;
   ASSERT_TRUE(start()) << error;
