@@ -11,8 +11,8 @@ constexpr float kPi = 3.1415927F;
 /// Phase per index of frequency along one axis: by the shift theorem a circular shift by
 /// (size - filter_size mod 2) / 2 cells, which takes zero displacement from the middle to the corner.
 float phase_step(int filter_size, int map_size) {
-  const float parity = static_cast<float>(filter_size % 2);
-  return (1.0F - (map_size > 1 ? parity / static_cast<float>(map_size) : parity)) * kPi;
+  const float parity = static_cast<float>(filter_size % 2) / static_cast<float>(map_size);
+  return (1.0F - parity) * kPi;
 }
 
 /// Where the small spectrum keeps a frequency. `index` counts them upwards, frequency zero near the middle at

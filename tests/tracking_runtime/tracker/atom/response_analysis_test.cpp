@@ -164,6 +164,10 @@ TEST(QuadraticPeak, AcceptsAVertexOnTheBoundary) {
   EXPECT_EQ(quadratic_peak_log_scale(0.0F, 0.0F, 1.0F, -1.0F, 2.0F, -4.0F), std::optional<float>(0.0F));
 }
 
+TEST(QuadraticPeak, AcceptsACurveJustConcaveEnough) {
+  EXPECT_TRUE(quadratic_peak_log_scale(-1.0F, 0.0F, 0.0F, 2e-6F, 1.0F, 0.0F));
+}
+
 TEST(QuadraticPeak, HasNoVertexWithoutAConcaveCurveInside) {
   struct Row {
     const char* reason;
@@ -172,6 +176,7 @@ TEST(QuadraticPeak, HasNoVertexWithoutAConcaveCurveInside) {
   for (const Row& row : {
            Row{"straight line", 0.0F, 0.0F, 1.0F, 1.0F, 2.0F, 2.0F},
            Row{"upward parabola", -1.0F, 1.0F, 0.0F, 0.0F, 1.0F, 1.0F},
+           Row{"almost flat", -1.0F, 0.0F, 0.0F, 5e-7F, 1.0F, 0.0F},
            Row{"flat", -1.0F, 1.0F, 0.0F, 1.0F, 1.0F, 1.0F},
            Row{"vertex outside", 0.0F, 0.0F, 1.0F, 3.0F, 2.0F, 5.5F},
            Row{"equal points", 1.0F, 0.0F, 1.0F, 1.0F, 2.0F, 0.0F},
