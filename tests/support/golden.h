@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -53,9 +54,9 @@ class GoldenCase {
 
   template <typename T>
   static std::vector<T> cast(const std::vector<double>& values) {
-    std::vector<T> result;
-    result.reserve(values.size());
-    for (const double value : values) result.push_back(static_cast<T>(value));
+    std::vector<T> result(values.size());
+    std::transform(values.begin(), values.end(), result.begin(),
+                   [](double value) { return static_cast<T>(value); });
     return result;
   }
 
@@ -81,8 +82,9 @@ GoldenCase load_golden_case(const std::string& folder, const std::string& name);
 template <typename Container>
 ::testing::AssertionResult matches_golden(const GoldenArray& expected, const Container& actual) {
   static_assert(!std::is_same_v<typename Container::value_type, bool>, "compare bits as integers");
-  std::vector<double> widened;
-  for (const auto value : actual) widened.push_back(static_cast<double>(value));
+  std::vector<double> widened(actual.size());
+  std::transform(actual.begin(), actual.end(), widened.begin(),
+                 [](auto value) { return static_cast<double>(value); });
   return matches_golden(expected, widened);
 }
 

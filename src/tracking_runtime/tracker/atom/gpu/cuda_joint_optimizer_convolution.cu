@@ -1,4 +1,5 @@
 #include "tracking_runtime/tracker/atom/gpu/correlation_device.h"
+#include "tracking_runtime/tracker/atom/gpu/cuda_handles.h"
 #include "tracking_runtime/tracker/atom/gpu/cuda_joint_optimizer_ops.h"
 #include "tracking_runtime/tracker/atom/gpu/kernel_launch.h"
 #include "tracking_runtime/tracker/atom/gpu/solver_device.h"
@@ -150,7 +151,7 @@ bool is_fixed(int filter_height, int filter_width) {
 
 /// Bytes of one filter in shared memory.
 std::size_t filter_bytes(int channels, int filter_height, int filter_width) {
-  return static_cast<std::size_t>(channels * filter_height * filter_width) * sizeof(float);
+  return element_count({channels, filter_height, filter_width}) * sizeof(float);
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ class ProjectionClassifier : public ::testing::Test {
   TestStream stream_;
   std::string error_;
   std::vector<float> raw_ = random_values(shape_.positions() * kInChannels, 1);
-  std::vector<float> projection_ = random_values(static_cast<std::size_t>(kInChannels * shape_.channels), 2);
+  std::vector<float> projection_ = random_values(product({kInChannels, shape_.channels}), 2);
   std::vector<float> filter_ = random_values(shape_.taps(), 3);
   DeviceArray<float> features_{raw_};
 

@@ -123,7 +123,7 @@ TEST_F(ProjectionClassifier, GrowingTheChannelsNeedsNewWeights) {
   EXPECT_EQ(host::counters().calls_of("cudaFree"), 3);
   EXPECT_EQ(host::counters().calls_of("cudaMallocHost"), 0);
   EXPECT_FALSE(upload());
-  projection_ = random_values(static_cast<std::size_t>(kInChannels * shape_.channels), 8);
+  projection_ = random_values(product({kInChannels, shape_.channels}), 8);
   filter_ = random_values(shape_.taps(), 9);
   ASSERT_TRUE(upload() && classify(3)) << error_;
   EXPECT_TRUE(

@@ -1,12 +1,20 @@
 #pragma once
 
 #include <cstddef>
+#include <initializer_list>
 #include <vector>
 
 /// The numerics as plain loops in double precision, written from the formulas and sharing nothing with the
 /// kernels.
 
 namespace ostrel_test {
+
+/// Product of sizes, as a number of elements.
+inline std::size_t product(std::initializer_list<int> sizes) {
+  std::size_t count = 1;
+  for (const int size : sizes) count *= static_cast<std::size_t>(size);
+  return count;
+}
 
 /// Sizes of a correlation problem.
 struct Shape {
@@ -17,9 +25,9 @@ struct Shape {
   int filter_height;
   int filter_width;
 
-  std::size_t positions() const { return static_cast<std::size_t>(samples * height * width); }
+  std::size_t positions() const { return product({samples, height, width}); }
   std::size_t features() const { return positions() * static_cast<std::size_t>(channels); }
-  std::size_t taps() const { return static_cast<std::size_t>(channels * filter_height * filter_width); }
+  std::size_t taps() const { return product({channels, filter_height, filter_width}); }
 };
 
 using Doubles = std::vector<double>;

@@ -157,8 +157,7 @@ TEST(TunedForms, ProjectionAndClassificationEqualThePlainForms) {
   for (const Shape& shape : random_shapes()) {
     const int in_channels = 3 * shape.channels + 1;
     const auto raw = random_values(shape.positions() * static_cast<std::size_t>(in_channels), 61);
-    const auto projection =
-        random_values(static_cast<std::size_t>(in_channels * shape.channels), 62, -0.1F, 0.1F);
+    const auto projection = random_values(product({in_channels, shape.channels}), 62, -0.1F, 0.1F);
     const auto filter = random_values(shape.taps(), 63, -0.3F, 0.3F);
     expect_forms_agree(describe(shape),
                        [&] { return run_classifier(shape, in_channels, raw, projection, filter); });
@@ -169,7 +168,7 @@ std::vector<float> run_preprocess(int samples, int width, int height, std::size_
                                   std::size_t sample_pitch, const std::vector<std::uint8_t>& bytes) {
   TestStream stream;
   const DeviceArray<std::uint8_t> source(bytes);
-  const DeviceArray<float> target(static_cast<std::size_t>(samples * 3 * width * height), -1.0F);
+  const DeviceArray<float> target(product({samples, 3, width, height}), -1.0F);
   std::string error;
   EXPECT_TRUE(atom::launch_bgr8_to_rgb_planar_float(source.get(), sample_pitch, row_pitch, target.get(),
                                                     samples, width, height, stream.get(), &error))
@@ -181,7 +180,8 @@ TEST(TunedForms, PreprocessEqualsThePlainForm) {
   std::mt19937 generator(7);
   for (const auto& [samples, width, height, padding] :
        {std::tuple{1, 1, 1, 0}, {3, 192, 192, 0}, {2, 7, 5, 4}, {4, 33, 18, 1}, {3, 16, 2, 0}}) {
-    const std::size_t row_pitch = static_cast<std::size_t>(3 * width + padding);
+    const std::size_t row_pitch =
+        static_cast<std::size_t>(3) * static_cast<std::size_t>(width) + static_cast<std::size_t>(padding);
     const std::size_t sample_pitch =
         row_pitch * static_cast<std::size_t>(height) + static_cast<std::size_t>(padding);
     std::vector<std::uint8_t> bytes(sample_pitch * static_cast<std::size_t>(samples));
