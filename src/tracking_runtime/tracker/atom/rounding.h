@@ -15,6 +15,8 @@ inline int truncate_to_int(double value) {
 }
 
 /// Nearest integer, halves away from zero, defined for every input as `truncate_to_int`.
-inline int round_to_int(float value) { return truncate_to_int(static_cast<double>(std::round(value))); }
+inline int round_to_int(float value) {
+  return truncate_to_int(static_cast<double>(std::round(value)));
+}
 
 }  // namespace ostrel_tracker::tracking_runtime::tracker::atom

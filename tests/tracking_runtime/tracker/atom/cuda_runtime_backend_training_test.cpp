@@ -132,7 +132,8 @@ TEST_F(Training, TakesTheCapacityOfTheConfiguration) {
 TEST_F(Training, ReleasesTheLockWhenMemoryRunsOut) {
   fill(2);
   Access::state(*backend_).config.sample_memory_size = 1234;
-  ostrel_test::fail_heap_allocations_of(1234 * kHeight * kWidth * sizeof(float));  // the labels of the rebuilt memory
+  ostrel_test::fail_heap_allocations_of(1234 * kHeight * kWidth *
+                                        sizeof(float));  // the labels of the rebuilt memory
   EXPECT_THROW(Access::store_training_sample(*backend_, feature(0), label(0), 0.1F), std::bad_alloc);
   ostrel_test::fail_heap_allocations_of(0);
   ASSERT_TRUE(Access::state_mutex(*backend_).try_lock());
