@@ -41,6 +41,9 @@ function(ostrel_add_standin name)
   target_link_libraries(${name} PUBLIC ${ARG_LINK} PRIVATE ostrel_warnings)
 endfunction()
 
+# What the thread sanitizer builds.
+add_custom_target(threaded_tests)
+
 # ostrel_add_test(name LABELS unit SOURCES ... LINK ... [BOTH_STREAM_MODES] [THREADED]): a GoogleTest program.
 # BOTH_STREAM_MODES registers it a second time with deferred streams; THREADED adds the label `threaded`,
 # which is what the thread sanitizer runs. OpenMP's threads wait asleep: tests share their cores, and threads that
@@ -57,6 +60,7 @@ function(ostrel_add_test name)
   set(labels ${ARG_LABELS})
   if(ARG_THREADED)
     list(APPEND labels threaded)
+    add_dependencies(threaded_tests ${name})
   endif()
   add_test(NAME ${name} COMMAND ${name})
   set_tests_properties(${name} PROPERTIES LABELS "${labels}" ENVIRONMENT "OSTREL_STREAM_MODE=eager;OMP_WAIT_POLICY=passive")

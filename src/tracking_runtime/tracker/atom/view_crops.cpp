@@ -9,8 +9,11 @@ namespace ostrel_tracker::tracking_runtime::tracker::atom {
 
 std::vector<optrix::AffineCrop> view_crops(const TargetState& state, float scale_x, float scale_y,
                                            std::vector<float>* kept) {
+  const std::vector<float> scales = sorted_search_scales(state.config.search_scales);
   std::vector<optrix::AffineCrop> crops;
-  for (const float scale : sorted_search_scales(state.config.search_scales)) {
+  crops.reserve(scales.size());
+  kept->reserve(scales.size());
+  for (const float scale : scales) {
     if (!(scale > 0.0F)) continue;
     const std::optional<PatchSquare> square =
         patch_square(state.target_pos, state.target_size.width, state.target_size.height,
