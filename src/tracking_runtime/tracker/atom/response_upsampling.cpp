@@ -30,13 +30,15 @@ int target_index(int index, int map_size, int search_size) {
 cv::Mat spread_spectrum(const cv::Mat& spectrum, float row_step, float column_step, int search_size) {
   const int rows = spectrum.rows;
   const int columns = spectrum.cols;
+  const int zero_row = rows / 2;
+  const int zero_column = columns / 2;
   cv::Mat spread = cv::Mat::zeros(search_size, search_size, CV_32FC2);
   for (int r = 0; r < rows; ++r) {
     const cv::Vec2f* source = spectrum.ptr<cv::Vec2f>(source_index(r, rows));
     cv::Vec2f* target = spread.ptr<cv::Vec2f>(target_index(r, rows, search_size));
-    const float u = static_cast<float>(r - rows / 2);
+    const float u = static_cast<float>(r - zero_row);
     for (int c = 0; c < columns; ++c) {
-      const float v = static_cast<float>(c - columns / 2);
+      const float v = static_cast<float>(c - zero_column);
       const float angle = column_step * v + row_step * u;
       const float cosine = std::cos(angle);
       const float sine = std::sin(angle);
