@@ -4,9 +4,14 @@
 
 #include <cmath>
 #include <limits>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "support/golden_mat.h"
+#include "tracking_runtime/tracker/atom/gpu/close_to.h"
+#include "tracking_runtime/tracker/atom/gpu/cuda_projection_classifier.h"
+#include "tracking_runtime/tracker/atom/gpu/device_arrays.h"
 
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
 namespace {
@@ -52,6 +57,34 @@ TEST(ClassifyFeature, MatchesGoldenCorrelations) {
       responses.insert(responses.end(), values.begin(), values.end());
     }
     EXPECT_TRUE(ostrel_test::matches_golden(golden.output("response"), responses)) << golden.name();
+  }
+}
+
+TEST(ClassifyFeature, EqualsTheClassifierOnTheDevice) {
+  // Sums of up to 200 products of size 1 in single precision, in two orders.
+  constexpr double kOrderOfSummation = 2e-5;
+  const ostrel_test::TestStream stream;
+  for (const auto& [filter_height, filter_width] : {std::pair{4, 4}, {3, 3}, {5, 2}, {1, 1}}) {
+    const FeatureMap feature{1, 8, 7, 9, ostrel_test::random_values(8 * 7 * 9, 1)};
+    ClassifierState weights;
+    weights.filter_channels = 8;
+    weights.filter_height = filter_height;
+    weights.filter_width = filter_width;
+    weights.filter_weights =
+        ostrel_test::random_values(static_cast<std::size_t>(8 * filter_height * filter_width), 2);
+    const ostrel_test::DeviceArray<float> features(feature.data);
+    CudaProjectionClassifier classifier;
+    std::vector<float> on_device;
+    std::string error;
+    ASSERT_TRUE(classifier.ensure_capacity(1, 8, 8, 7, 9, filter_height, filter_width, &error) &&
+                classifier.upload_weights({}, false, 8, 8, weights.filter_weights, filter_height,
+                                          filter_width, &error) &&
+                classifier.project_and_classify(features.get(), 1, stream.get(), &error) &&
+                classifier.download_responses(1, &on_device, stream.get(), &error))
+        << error;
+    EXPECT_TRUE(
+        ostrel_test::close_to(floats_of(classify_feature(feature, weights)), on_device, kOrderOfSummation))
+        << filter_height << "x" << filter_width;
   }
 }
 

@@ -4,7 +4,9 @@
 
 #include <host_cuda/control.h>
 
+#include <chrono>
 #include <functional>
+#include <future>
 #include <memory>
 #include <string>
 #include <vector>
@@ -171,6 +173,23 @@ TEST_F(FilterTrainerQueue, DoesWithoutPrioritiesWhereTheDeviceTellsNone) {
   EXPECT_EQ(calls("cudaStreamCreateWithFlags"), 1);
   train();  // the stream counts as one of the least priority
   EXPECT_EQ(calls("cudaStreamDestroy"), 0);
+}
+
+TEST_F(FilterTrainerQueue, DoesNotWaitForTheNullStream) {
+  const DeviceArray<float> features(training_.features);
+  const host::StreamMode mode = host::stream_mode();
+  ASSERT_TRUE(host::set_stream_mode(host::StreamMode::kDeferred));
+  std::promise<void> trained;
+  bool trained_meanwhile = false;
+  require(host::enqueue(nullptr, "work that outlasts the jobs", [&] {
+    trained_meanwhile = trained.get_future().wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+  }));
+  train();
+  EXPECT_TRUE(training_.run_on(trainer_, {features.get(), nullptr}, &out_, &error_)) << error_;
+  trained.set_value();
+  require(cudaDeviceSynchronize());
+  EXPECT_TRUE(trained_meanwhile);
+  EXPECT_TRUE(host::set_stream_mode(mode));
 }
 
 TEST_F(FilterTrainerQueue, AllocatesEachGroupOnce) {

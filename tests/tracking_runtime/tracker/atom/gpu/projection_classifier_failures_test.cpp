@@ -101,7 +101,9 @@ TEST_F(ProjectionClassifier, RefusesWeightsOfOtherSizes) {
         Row{"filter too short", 6, 4, 4, 4, 24, 63, bad_filter},
         Row{"filter too long", 6, 4, 4, 4, 24, 65, bad_filter},
         Row{"projection too short", 6, 4, 4, 4, 23, 64, bad_projection},
-        Row{"projection missing", 6, 4, 4, 4, 0, 64, bad_projection}}) {
+        Row{"projection missing", 6, 4, 4, 4, 0, 64, bad_projection},
+        Row{"projection too long", 6, 4, 4, 4, 25, 64, bad_projection},
+        Row{"both, of which the filter is told", 6, 4, 4, 4, 23, 63, bad_filter}}) {
     error_.clear();
     EXPECT_FALSE(classifier_.upload_weights(std::vector<float>(row.projection), true, row.in_channels,
                                             row.out_channels, std::vector<float>(row.filter),
@@ -153,6 +155,22 @@ TEST_F(ProjectionClassifier, NamesEachFailedUpload) {
     EXPECT_FALSE(upload());
     EXPECT_EQ(error_, fault.text());
   }
+}
+
+TEST_F(ProjectionClassifier, FailedUploadKeepsTheUseOfTheProjection) {
+  ASSERT_TRUE(ensure(shape_.channels)) << error_;
+  projection_ = random_values(static_cast<std::size_t>(shape_.channels * shape_.channels), 11);
+  const auto upload_with = [this](bool use_projection) {
+    return classifier_.upload_weights(projection_, use_projection, shape_.channels, shape_.channels, filter_,
+                                      4, 4, &error_);
+  };
+  ASSERT_TRUE(upload_with(true)) << error_;
+  host::fail_call("cudaMemcpy", 1, cudaErrorUnknown);
+  EXPECT_FALSE(upload_with(false));
+  EXPECT_EQ(error_, (CallFault{"", 0, "cudaMemcpy filter"}.text()));
+  host::reset_counters();
+  ASSERT_TRUE(classify(1)) << error_;
+  EXPECT_EQ(host::counters().launches_of("project_features_kernel"), 1);
 }
 
 TEST_F(ProjectionClassifier, NamesEachFailedLaunchAndKeepsTheLastBatch) {

@@ -178,6 +178,23 @@ TEST_F(ProjectionClassifier, RecordsTheEventsOfADownload) {
   EXPECT_EQ(host::counters().calls_of("cudaEventRecord"), 0);
 }
 
+TEST_F(ProjectionClassifier, DownloadsRecordCopyRecordAndWait) {
+  ASSERT_TRUE(ensure() && upload() && classify(1)) << error_;
+  atom::CudaEvent start, stop;
+  require(start.create());
+  require(stop.create());
+  std::vector<float> out;
+  const std::vector<std::string> expected = {"cudaEventRecord", "cudaMemcpyAsync", "cudaEventRecord",
+                                             "cudaStreamSynchronize"};
+  host::start_trace();
+  EXPECT_TRUE(classifier_.download_responses(1, &out, stream_.get(), &error_, start.get(), stop.get()));
+  EXPECT_EQ(host::stop_trace(), expected);
+  host::start_trace();
+  EXPECT_TRUE(
+      classifier_.download_projected_sample(0, &out, stream_.get(), &error_, start.get(), stop.get()));
+  EXPECT_EQ(host::stop_trace(), expected);
+}
+
 TEST_F(ProjectionClassifier, FreesDeviceMemoryThenPinnedMemory) {
   auto classifier = std::make_unique<CudaProjectionClassifier>();
   ASSERT_TRUE(classifier->ensure_capacity(2, 3, 4, 5, 6, 4, 4, &error_)) << error_;
