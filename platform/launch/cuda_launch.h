@@ -15,7 +15,7 @@
 //
 // The end of a phase is the block's barrier; a phase never stands in a branch that threads may take
 // differently. A `return` inside a phase ends that thread's phase only. What one thread keeps across phases
-// goes through shared arrays: `OSTREL_SHARED double partial[256];` or `block.dynamic_shared<float>()`.
+// goes through shared arrays: `__shared__ double partial[256];` or `block.dynamic_shared<float>()`.
 //
 // With nvcc a phase is the body of the running thread followed by __syncthreads(). Elsewhere the kernel
 // function is called once per block and a phase is a loop over the threads.
@@ -24,11 +24,9 @@
 //                    for_each_thread(phase) with phase taking the thread's index as an int
 //   this_block()     the block that runs; valid inside kernels only
 //   atomic_add       adds to a double in device memory, atomically among all blocks
-//   exp2_fast        2^x by the device's fast exponential (about 2 units in the last place); results below
-//   the
+//   exp2_fast        2^x by the device's fast exponential (about 2 units in the last place); results below the
 //                    smallest normal float may be 0
-//   launch_kernel    launches and returns cudaGetLastError(): an error that an earlier call of this thread
-//   left
+//   launch_kernel    launches and returns cudaGetLastError(): an error that an earlier call of this thread left
 //                    behind shows here too, as it does with the real runtime. Arguments are converted to the
 //                    kernel's parameter types and copied at the launch. `name` feeds counters, fault hooks
 //                    and error texts. Does not synchronise.
@@ -41,8 +39,6 @@
 
 #include <cstddef>
 #include <utility>
-
-#define OSTREL_SHARED __shared__
 
 namespace ostrel::launch {
 

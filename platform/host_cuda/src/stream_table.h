@@ -28,7 +28,7 @@ class StreamTable {
   void wait_for_all();
   bool all_idle();
 
-  // Calls `action` with no stream created or destroyed meanwhile, when all are idle; says whether they were.
+  // Calls `action` when all are idle; says whether they were. Holds nobody off who submits work meanwhile.
   bool if_idle(const std::function<void()>& action);
 
  private:

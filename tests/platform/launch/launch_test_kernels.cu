@@ -24,7 +24,7 @@ __global__ void scale_kernel(const float* __restrict__ source, float scale, floa
 }
 
 __global__ void sum_kernel(const float* source, int n, double* out) {
-  OSTREL_SHARED double partial[kSumThreads];
+  __shared__ double partial[kSumThreads];
   const Block block = this_block();
   block.for_each_thread([&](int thread) {
     double sum = 0.0;

@@ -16,8 +16,7 @@
 
 namespace ostrel::host_cuda {
 
-// --- Faults
-// -------------------------------------------------------------------------------------------------
+// --- Faults ---
 
 // Makes the n-th next call (1 is the next one) of that name fail with `status`, once, without any effect.
 // Names are those of the calls ("cudaMalloc", "cublasSgemmStridedBatched", "enqueueV3"), of kernels, and
@@ -45,8 +44,7 @@ int take_fault(const char* name);
 // For stand-ins, after take_fault in the same call: true, with `values` filled, when an answer is due.
 bool take_answer(const char* name, std::vector<std::int64_t>* values);
 
-// --- Counters
-// -----------------------------------------------------------------------------------------------
+// --- Counters ---
 
 struct Counters {
   // What lives now; reset_counters() leaves these alone.
@@ -80,8 +78,7 @@ void start_trace();
 // Ends the notes and returns them.
 std::vector<std::string> stop_trace();
 
-// --- Modes
-// --------------------------------------------------------------------------------------------------
+// --- Modes ---
 
 // kEager: a call runs its work before it returns. kDeferred: each stream has a queue and a thread.
 // OSTREL_STREAM_MODE=eager|deferred chooses at the start of the process, eager without it.
@@ -104,8 +101,7 @@ void set_tuned_kernels(bool enabled);
 int worker_count();
 void set_worker_count(int count);
 
-// --- For other stand-ins
-// ------------------------------------------------------------------------------------
+// --- For other stand-ins ---
 
 // Puts work on a stream, in its order, under the rules of the stream mode: run before the return (eager) or
 // moved to the stream's queue (deferred). The work makes no CUDA calls; inside it threads_allowed() says how

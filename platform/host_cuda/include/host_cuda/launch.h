@@ -16,8 +16,6 @@
 #include <host_cuda/tuned.h>
 #include <host_cuda/work.h>
 
-#define OSTREL_SHARED
-
 namespace ostrel::host_cuda::detail {
 
 struct BlockState {

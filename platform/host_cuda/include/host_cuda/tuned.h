@@ -3,8 +3,8 @@
 // Tuned host forms of kernels. A form computes what a whole launch computes, without blocks and threads:
 //
 //   void scale_tuned(const TunedLaunch& launch, const float* source, float scale, float* target, int n);
-//   const bool registered = register_tuned_kernel<void(const float*, float, float*, int)>("scale_kernel",
-//   scale_tuned);
+//   using Scale = void(const float*, float, float*, int);
+//   const bool registered = register_tuned_kernel<Scale>("scale_kernel", scale_tuned);
 //
 // The key is the name and the function type, since two kernels may share a name. A form honours
 // `threads_allowed`, and lets no result depend on it beyond float rounding.

@@ -25,7 +25,7 @@ __global__ void add_in_place_kernel(float* target, const float* source, int n) {
 }
 
 __global__ void dot_product_kernel(const float* a, const float* b, int n, double* out) {
-  OSTREL_SHARED double partial[kThreadsPerBlock];
+  __shared__ double partial[kThreadsPerBlock];
   add_dot_product(this_block(), a, b, n, partial, out);
 }
 
