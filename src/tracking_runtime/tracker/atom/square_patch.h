@@ -12,9 +12,9 @@ struct PatchSquare {
   int side = 0;
 };
 
-/// Side and corner of the patch around a centre: root of the box area times `factor` (a factor of 1 or below
-/// leaves the side unscaled), the side rounded and at least 2, the centre truncated. Nothing when the side is
-/// not above 1. `min_area_side` cases: an area of 1 or below counts as side 1.
+/// Side and corner of the patch around a centre: root of the box area (an area of 1 or below counts as side 1)
+/// times `factor` (a factor of 1 or below leaves the side unscaled), the side rounded and at least 2, the centre
+/// truncated. Nothing when the side is not above 1. Neither centre nor box is checked.
 std::optional<PatchSquare> patch_square(const cv::Point_<float>& center, float box_width, float box_height,
                                         float factor);
 

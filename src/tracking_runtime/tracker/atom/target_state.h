@@ -12,7 +12,8 @@ namespace ostrel_tracker::tracking_runtime::tracker::atom {
 inline constexpr float kMinTargetScale = 1e-6F;
 
 /// The target as numbers: centre, size, one scale that ties them to a reference size, and the recovery mode.
-/// The published box is always derived from it. No lock: one thread tracks, and no training job reads it.
+/// The published box is always derived from it. No lock: one thread tracks, and a training job reads nothing
+/// of it but settings of learning, which change only after the job was awaited.
 /// Frame pixels throughout; `target_scale` is frame pixels per pixel of the network input.
 struct TargetState {
   explicit TargetState(NativeCppBackend::Config initial_config);
