@@ -30,7 +30,7 @@ void print_view_debug_line(const TargetState& state, const FrameDecision& decisi
                static_cast<double>(state.target_pos.y), static_cast<double>(state.target_size.width),
                static_cast<double>(state.target_size.height), static_cast<double>(box.x),
                static_cast<double>(box.y), static_cast<double>(box.width), static_cast<double>(box.height),
-               static_cast<double>(decision.score), static_cast<int>(decision.flag));
+               static_cast<double>(decision.computed_score), static_cast<int>(decision.flag));
 }
 
 void print_timing_line(int frame_index, const FrameDecision& decision, const FrameTimings& timings) {

@@ -233,6 +233,7 @@ class FrameJudge {
     if (decision_.flag == FrameFlag::kHardNegative) score *= kHardNegativePenalty;
     if (decision_.flag == FrameFlag::kUncertain) score *= kUncertainPenalty;
     decision_.score = clamp_unit(score);
+    decision_.computed_score = decision_.score;
   }
 
   void measure_change() {

@@ -38,7 +38,8 @@ struct FrameDecision {
   const char* status = "";
   const char* trace_event = nullptr;  ///< null: no trace line
   std::optional<base::BBox> bbox;     ///< the box to publish; nothing is written when absent
-  float score = 0.0F;
+  float score = 0.0F;                 ///< to publish with it
+  float computed_score = 0.0F;        ///< as the peaks gave it, also where a lost target publishes 0
 
   int best = -1;  ///< position in the candidates
   FrameFlag flag = FrameFlag::kNormal;
@@ -56,7 +57,7 @@ struct FrameDecision {
   float frame_target_scale = 1.0F;           ///< scale at frame start
   float sample_scale = 1.0F;                 ///< scale of the best candidate's patch
 
-  bool state_updated = false;  ///< the state was offered this frame's estimate (stages 14 and beyond)
+  bool state_updated = false;  ///< no low peak or score held it: the state was offered its estimate
   bool accepted = false;       ///< published and trusted
   bool qualifies = false;      ///< flag, score and margin allow a sample
   bool store = false;          ///< a sample is to be stored
