@@ -1,147 +1,13 @@
-// The frame call of the real backend on a rendered scene, with a tiny engine: words, order of the refusals,
-// lines, trace, learning, and what a steady frame costs.
+// The frame call of the real backend: words, order of the refusals, routes, and what a steady frame costs.
 
-#include <gtest/gtest.h>
-#include <host_cuda/control.h>
-#include <trunk_writer.h>
+#include "tracking_runtime/tracker/atom/track_fixture.h"
 
-#include <fstream>
-#include <functional>
+#include <cmath>
 #include <opencv2/imgproc.hpp>
-#include <regex>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include "support/backend_test_access.h"
-#include "support/temporary_folder.h"
-#include "tracking_runtime/parameter/atom/resnet18.h"
-#include "tracking_runtime/tracker/atom/cuda_runtime_backend.h"
-#include "tracking_runtime/tracker/atom/optrix_adapter.h"
 
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
+namespace track_test {
 namespace {
-
-namespace host_cuda = ostrel::host_cuda;
-using Access = CudaRuntimeBackendTestAccess;
-using Config = NativeCppBackend::Config;
-
-constexpr int kFrameWidth = 160;
-constexpr int kFrameHeight = 120;
-constexpr int kTargetSide = 24;
-constexpr float kNever = 1e9F;
-// The tiny engine sees the 96 px of a patch in 8 cells: positions are good to about a cell of 12 px.
-constexpr float kCellAndAHalf_px = 18.0F;
-
-/// A grey scene with a bright checkered target at `corner`.
-cv::Mat scene(cv::Point_<int> corner) {
-  cv::Mat image(kFrameHeight, kFrameWidth, CV_8UC3);
-  for (int y = 0; y < image.rows; ++y) {
-    for (int x = 0; x < image.cols; ++x) {
-      const int noise = (x * 37 + y * 101 + x * y) % 32;
-      image.at<cv::Vec3b>(y, x) = cv::Vec3b::all(static_cast<unsigned char>(80 + noise));
-    }
-  }
-  for (int y = 0; y < kTargetSide; ++y) {
-    for (int x = 0; x < kTargetSide; ++x) {
-      const bool odd = ((x / 6) + (y / 6)) % 2 == 1;
-      image.at<cv::Vec3b>(corner.y + y, corner.x + x) =
-          odd ? cv::Vec3b(30, 220, 250) : cv::Vec3b(240, 30, 20);
-    }
-  }
-  return image;
-}
-
-std::shared_ptr<optrix::OptrixPicture> picture(const cv::Mat& image) {
-  return optrix::OptrixPicture::fromBgr({image.data, image.cols, image.rows, image.step},
-                                        optrix::PixelFormat::kBgr);
-}
-
-const std::string& tiny_engine() {
-  static const ostrel_test::TemporaryFolder folder;
-  static const std::string path = [] {
-    ostrel::backbone::TrunkOptions options;
-    options.tiny = true;
-    options.seed = 5;
-    const std::string file = folder.path("tiny.onnx");
-    if (!ostrel::backbone::write_trunk(options, file)) throw std::runtime_error("no engine");
-    return file;
-  }();
-  return path;
-}
-
-/// Settings under which every frame with a peak is accepted and stored, and none trains.
-Config tiny_config() {
-  Config config = parameter::atom::parameters();
-  config.trt_engine_path = tiny_engine();
-  config.search_size = ostrel::backbone::kTinyInputSize;
-  config.search_area_factor = 4.0F;
-  config.search_scales = {0.95F, 1.0F, 1.05F};
-  config.compressed_dim = 8;
-  config.proj_init_method = "pca";  // the same start each time, but for the dropout masks
-  config.filter_init_method = "zeros";
-  config.sample_memory_size = 20;
-  config.filter_regularization = 0.1F;
-  config.startup_filter_iterations = 10;
-  config.target_not_found_score_threshold = -kNever;
-  config.enable_hard_negative_analysis = false;
-  config.jump_filter_enabled = false;
-  config.prefer_stable_reacquisition = false;
-  config.min_update_confidence = 0.0F;
-  config.min_update_scale_margin = 0.0F;
-  config.frames_between_learning = 1000000;
-  return config;
-}
-
-struct Answer {
-  bool ok = false;
-  base::BBox box{-1.0F, -1.0F, -1.0F, -1.0F};
-  float score = -1.0F;
-  std::string status;
-};
-
-class Tracked {
- public:
-  explicit Tracked(const Config& config = tiny_config()) : backend(config) {
-    std::string error;
-    started = backend.initialize(scene(start), {start.x, start.y, kTargetSide, kTargetSide}, &error);
-    EXPECT_TRUE(started) << error;
-  }
-
-  Answer image(const cv::Mat& frame) {
-    Answer answer;
-    answer.ok = backend.track(frame, &answer.box, &answer.score, &answer.status);
-    return answer;
-  }
-  Answer view(const std::shared_ptr<optrix::OptrixPicture>& frame, float scale_x = 1.0F, float scale_y = 1.0F,
-              int width = kFrameWidth, int height = kFrameHeight) {
-    Answer answer;
-    answer.ok =
-        backend.track(frame, scale_x, scale_y, width, height, &answer.box, &answer.score, &answer.status);
-    return answer;
-  }
-
-  static inline const cv::Point_<int> start{60, 40};
-  CudaRuntimeBackend backend;
-  bool started = false;
-};
-
-class BackendTracking : public ::testing::Test {
- protected:
-  ~BackendTracking() override { host_cuda::clear_faults(); }
-};
-
-std::string stderr_of(const std::function<void()>& action) {
-  ::testing::internal::CaptureStderr();
-  action();
-  return ::testing::internal::GetCapturedStderr();
-}
-
-int count_of(const std::string& text, const std::string& part) {
-  int count = 0;
-  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
-  return count;
-}
 
 TEST_F(BackendTracking, RefusesInTheDocumentedOrder) {
   CudaRuntimeBackend fresh(tiny_config());
@@ -217,7 +83,7 @@ TEST_F(BackendTracking, BothPathsReadTheSamePixels) {
   EXPECT_NEAR(from_image.box.y, from_view.box.y, 1.5F);
 }
 
-TEST_F(BackendTracking, AViewOfHalfTheResolutionKeepsFrameCoordinates) {
+TEST_F(BackendTracking, AViewOfTwiceTheResolutionKeepsFrameCoordinates) {
   Tracked tracked;
   cv::Mat doubled;
   cv::resize(scene(Tracked::start), doubled, {}, 2.0, 2.0, cv::INTER_NEAREST);
@@ -297,157 +163,6 @@ TEST_F(BackendTracking, AHoldPublishesTheStateWithScoreZero) {
   EXPECT_EQ(answer.box.x, static_cast<float>(Tracked::start.x) - 0.5F);
 }
 
-TEST_F(BackendTracking, StoresOneSampleAnAcceptedFrame) {
-  Tracked tracked;
-  const int before = Access::memory(tracked.backend).num_stored_samples;
-  tracked.view(picture(scene(Tracked::start)));
-  tracked.image(scene(Tracked::start));
-  EXPECT_EQ(Access::memory(tracked.backend).num_stored_samples, before + 2);
-  Access::state(tracked.backend).config.enable_online_update = false;
-  tracked.view(picture(scene(Tracked::start)));
-  EXPECT_EQ(Access::memory(tracked.backend).num_stored_samples, before + 2);
-}
-
-TEST_F(BackendTracking, SchedulesTrainingByItsPeriod) {
-  Config config = tiny_config();
-  config.frames_between_learning = 2;
-  config.update_iterations = 3;
-  config.max_sample_history = 4;
-  Tracked tracked(config);
-  const std::string lines = stderr_of([&] {
-    tracked.view(picture(scene(Tracked::start)));
-    tracked.view(picture(scene(Tracked::start)));
-  });
-  EXPECT_EQ(count_of(lines, "[CudaRuntimeBackend][train] job=1 frame=2 reason=periodic schedule iter=3"), 1)
-      << lines;
-  EXPECT_EQ(count_of(lines, "schedule"), 1) << lines;
-}
-
-TEST_F(BackendTracking, DebugLineOfTheViewPathStopsAfterTenFrames) {
-  Tracked tracked;
-  const auto frame = picture(scene(Tracked::start));
-  const std::string lines = stderr_of([&] {
-    for (int i = 0; i < 12; ++i) tracked.view(frame);
-  });
-  EXPECT_EQ(count_of(lines, "[TRACK_DEBUG][ATOM] view frame="), 10) << lines;
-  const std::regex line(
-      R"(\[TRACK_DEBUG\]\[ATOM\] view frame=1: center=\(-?\d+\.\d,-?\d+\.\d\) size=\(\d+\.\d,\d+\.\d\) → )"
-      R"(bbox_proc=\[-?\d+\.\d,-?\d+\.\d,\d+\.\d,\d+\.\d\] score=\d\.\d{3} flag=0\n)");
-  EXPECT_TRUE(std::regex_search(lines, line)) << lines;
-}
-
-TEST_F(BackendTracking, HoldsAndTheImagePathPrintNoDebugLine) {
-  Tracked tracked;
-  EXPECT_EQ(count_of(stderr_of([&] { tracked.image(scene(Tracked::start)); }), "[TRACK_DEBUG]"), 0);
-  Access::state(tracked.backend).config.target_not_found_score_threshold = kNever;
-  EXPECT_EQ(count_of(stderr_of([&] { tracked.view(picture(scene(Tracked::start))); }), "[TRACK_DEBUG]"), 0);
-  Access::state(tracked.backend).config.target_not_found_score_threshold = -kNever;
-  Access::state(tracked.backend).config.jump_filter_enabled = true;
-  Access::state(tracked.backend).config.jump_min_score = 1.0F;
-  EXPECT_EQ(count_of(stderr_of([&] { tracked.view(picture(scene(Tracked::start))); }), "[TRACK_DEBUG]"), 0);
-}
-
-TEST_F(BackendTracking, TimingLineComesEveryThirtiethAcceptedFrame) {
-  Tracked tracked;
-  const auto frame = picture(scene(Tracked::start));
-  Access::state(tracked.backend).frame_index = 28;
-  const std::string lines = stderr_of([&] {
-    for (int i = 0; i < 3; ++i) tracked.view(frame);
-  });
-  const std::string ms = R"(\d+\.\d)";
-  std::string pattern = R"(\[CudaRuntimeBackend\] frame=30 total=)" + ms + "ms";
-  for (const char* name : {"crop", "feat", "upload_u8", "preprocess_cuda", "upload_weights_gpu", "trt_wait",
-                           "d2h_response", "d2h_projected", "feat_other", "proj", "clf", "fft", "train"}) {
-    pattern += std::string(" ") + name + "=" + ms;
-  }
-  pattern += R"( \| score=\d\.\d{3} raw=-?\d+\.\d{3} max2=\d+\.\d{3} scale=\d\.\d{4} margin=\d\.\d{3} )"
-             R"(jump_norm=\d+\.\d jump_hold=0 mem=1 flag=ok\n)";
-  EXPECT_TRUE(std::regex_search(lines, std::regex(pattern))) << lines;
-  EXPECT_EQ(count_of(lines, "[CudaRuntimeBackend] frame="), 1) << lines;
-  EXPECT_NE(lines.find(" proj=0.0 clf=0.0 "), std::string::npos) << lines;
-
-  Access::state(tracked.backend).frame_index = 29;
-  Access::state(tracked.backend).config.target_not_found_score_threshold = kNever;
-  EXPECT_EQ(count_of(stderr_of([&] { tracked.view(frame); }), "[CudaRuntimeBackend] frame="), 0);
-}
-
-std::vector<std::vector<std::string>> rows_of(const std::string& path) {
-  std::ifstream file(path);
-  std::vector<std::vector<std::string>> rows;
-  for (std::string line; std::getline(file, line);) {
-    std::istringstream cells(line);
-    rows.emplace_back();
-    for (std::string cell; std::getline(cells, cell, '\t');) rows.back().push_back(cell);
-  }
-  return rows;
-}
-
-TEST_F(BackendTracking, TracesEachDecision) {
-  const ostrel_test::TemporaryFolder folder;
-  Config config = tiny_config();
-  config.reference_trace_path = folder.path("trace.tsv");
-  Tracked tracked(config);
-  TargetState& state = Access::state(tracked.backend);
-  const cv::Mat frame = scene(Tracked::start + cv::Point_<int>(3, 0));
-  tracked.image(frame);
-  const cv::Rect_<int> state_box = state.bbox_from_state_(state.image_size);
-  state.config.target_not_found_score_threshold = kNever;
-  tracked.view(picture(frame));
-  state.config.target_not_found_score_threshold = -kNever;
-  state.config.search_scales = {0.0F};
-  tracked.image(frame);
-
-  const auto rows = rows_of(config.reference_trace_path);
-  ASSERT_EQ(rows.size(), 5u);
-  EXPECT_EQ(rows[1][0], "init_ok");
-  EXPECT_EQ(rows[2][0], "track_ok");
-  EXPECT_EQ(rows[2][1], "1");
-  EXPECT_EQ(rows[2][2], "cuda");
-  EXPECT_EQ(rows[2][3], "ok_native_cpp_backend");
-  EXPECT_EQ(rows[3][0], "track_hold");
-  EXPECT_EQ(rows[3][3], "ok_low_confidence_hold");
-  EXPECT_EQ(rows[3][4], std::to_string(state_box.x));
-  EXPECT_EQ(rows[3][8], "0");
-  EXPECT_EQ(rows[4][0], "track_fail");
-  EXPECT_EQ(rows[4][3], "no_valid_candidate");
-  EXPECT_EQ(rows[4][8], "0");
-  EXPECT_EQ(rows[4][9], "0");
-  EXPECT_EQ(rows[4][10], "0");
-  EXPECT_EQ(rows[4][11], "1");
-}
-
-TEST_F(BackendTracking, ViewAndImageTraceDifferInBoxAndScale) {
-  const ostrel_test::TemporaryFolder folder;
-  Config config = tiny_config();
-  config.reference_trace_path = folder.path("trace.tsv");
-  config.roi_scale_deadband_px = 0.0F;
-  config.roi_scale_deadband_ratio = 0.0F;
-  config.scale_change_deadband = 0.0F;
-  config.scale_smoothing = 1.0F;
-  config.use_log_scale_peak_refinement = false;
-  config.search_scales = {1.25F};
-  Tracked tracked(config);
-  TargetState& state = Access::state(tracked.backend);
-  const TargetState before = state;
-  const auto as_text = [](float value) {
-    std::ostringstream text;
-    text << value;
-    return text.str();
-  };
-  tracked.view(picture(scene(Tracked::start)));
-  ASSERT_NE(state.target_scale, before.target_scale);
-  const std::string updated = as_text(state.target_scale);
-  const cv::Rect_<int> state_box = state.bbox_from_state_(state.image_size);
-  state = before;
-  tracked.image(scene(Tracked::start));
-  const auto rows = rows_of(config.reference_trace_path);
-  ASSERT_EQ(rows.size(), 4u);
-  EXPECT_EQ(rows[2][12], as_text(before.target_scale));
-  EXPECT_EQ(rows[2][4], std::to_string(state_box.x));
-  EXPECT_EQ(rows[2][11], "1.25");
-  EXPECT_EQ(rows[3][12], updated);
-}
-
 TEST_F(BackendTracking, ASteadyFrameAllocatesNoDeviceMemoryAndWaitsOncePerResult) {
   Tracked tracked;
   const auto frame = picture(scene(Tracked::start));
@@ -482,4 +197,5 @@ TEST_F(BackendTracking, FramesOfAnySizeAreTaken) {
 }
 
 }  // namespace
+}  // namespace track_test
 }  // namespace ostrel_tracker::tracking_runtime::tracker::atom
