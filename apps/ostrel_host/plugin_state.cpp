@@ -1,6 +1,5 @@
 #include "plugin_state.h"
 
-#include <regex>
 #include <stdexcept>
 
 namespace ostrel_host {
@@ -29,10 +28,29 @@ std::int32_t side(const AlgoValue& detection, const char* key) {
   return static_cast<std::int32_t>(value_or<std::int64_t>(detection, key, 0));
 }
 
-// A stream prints floats that are not finite as bare words.
+// A stream prints floats that are not finite as bare words: -nan, inf. Their length where one begins, else 0.
+std::size_t word_length(const std::string& text, std::size_t at) {
+  const std::size_t sign = text[at] == '-' ? 1 : 0;
+  const bool word = text.compare(at + sign, 3, "nan") == 0 || text.compare(at + sign, 3, "inf") == 0;
+  return word ? sign + 3 : 0;
+}
+
 std::string with_nulls_for_words(const std::string& text) {
-  static const std::regex kWords("([:,\\[])-?(nan|inf)(?=[,\\]}])");
-  return std::regex_replace(text, kWords, "$1null");
+  std::string result;
+  bool in_string = false;
+  for (std::size_t i = 0; i < text.size();) {
+    const std::size_t word = in_string ? 0 : word_length(text, i);
+    if (word > 0) {
+      result += "null";
+      i += word;
+      continue;
+    }
+    const bool escape = in_string && text[i] == '\\' && i + 1 < text.size();
+    if (text[i] == '"') in_string = !in_string;
+    if (escape) result += text[i++];
+    result += text[i++];
+  }
+  return result;
 }
 
 double number(const json& value) {

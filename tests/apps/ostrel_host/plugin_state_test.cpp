@@ -30,8 +30,11 @@ TEST(PluginState, TakesTheStartBoxWhileTheTrackerHasNone) {
 }
 
 TEST(PluginState, ReadsNumbersThatJsonDoesNotHaveAsNull) {
-  const auto state =
-      parse_state(R"({"raw_score":nan,"raw_bbox":[-nan,inf,-inf,1],"runtime_status":"x:nan,"})");
+  const auto state = parse_state(
+      R"({"raw_score":nan,"raw_bbox":[-nan,inf,-inf,1],"runtime_status":"\":nan,","runtime_detail":"a\\","alive":true})");
+  EXPECT_EQ(state.status, "\":nan,");
+  EXPECT_EQ(state.detail, "a\\");
+  EXPECT_TRUE(state.alive);
   EXPECT_EQ(state.tracker_score, 0.0);
   EXPECT_EQ(state.tracker_box.width, 0.0);
   EXPECT_TRUE(state.properties["raw_score"].is_null());
