@@ -117,12 +117,13 @@ class LoadedPluginTest : public testing::Test {
     setenv("OSTREL_TRACKER_ATOM_TRT_ENGINE", path.c_str(), 1);
   }
 
-  /// A trunk with random weights in the size that the tracker asks for, made once.
+  /// A small trunk with random weights in the size that the tracker asks for, made once.
   static const std::string& engine() {
     static const TemporaryFolder folder;
     static const std::string file = [] {
       ostrel::backbone::TrunkOptions options;
-      options.outputs = ostrel::backbone::TrunkOutputs::kLayer2;
+      options.tiny = true;
+      options.input_size = 192;
       std::string error;
       EXPECT_TRUE(write_trunk(options, folder.path("random.onnx"), &error)) << error;
       return folder.path("random.onnx");

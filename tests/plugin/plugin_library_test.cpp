@@ -51,15 +51,5 @@ TEST_F(PluginLibrary, StaysMappedWhenItIsUnloaded) {
   loader_.loadLibrary();
 }
 
-TEST_F(PluginLibrary, IsDestroyedDuringItsStartUp) {
-  const auto scene = makeScene();
-  const PicturePtr first = uploaded(scene.render(0).image);
-  DrivenPlugin plugin = create();
-  ASSERT_TRUE(plugin.init(first, asBox(scene.target_at(0))));
-  plugin.update(first);
-  EXPECT_EQ(plugin.phase(), "warming_up");
-  plugin.destroy();  // waits for the worker
-}
-
 }  // namespace
 }  // namespace ostrel_test

@@ -1,4 +1,4 @@
-// The library on a rendered clip, with the real tracker.
+// The library on a rendered clip, with the real tracker and its threads.
 #include "plugin/loaded_plugin_fixture.h"
 
 namespace ostrel_test {
@@ -23,7 +23,7 @@ class PluginRun : public LoadedPluginTest {
 
 TEST_F(PluginRun, FollowsARenderedTarget) {
   DrivenPlugin plugin = create();
-  EXPECT_GT(meanOverlap(plugin, 1, 20), 0.5) << plugin.property();
+  EXPECT_GT(meanOverlap(plugin, 1, 12), 0.5) << plugin.property();
   EXPECT_EQ(plugin.phase(), "ready");
   EXPECT_EQ(plugin.property().at("initialized"), true);
   EXPECT_EQ(plugin.property().at("stats").at("track_fail"), 0);
@@ -76,6 +76,16 @@ TEST_F(PluginRun, SupersedesAStartThatIsUnderWay) {
   const auto boxes = plugin.settle(first);
   ASSERT_EQ(boxes.size(), 1U) << plugin.property();
   EXPECT_GT(overlap(boxes[0], scene.target_at(0)), 0.5);
+}
+
+TEST_F(PluginRun, IsDestroyedDuringItsStartUp) {
+  const auto scene = makeScene();
+  const PicturePtr first = uploaded(scene.render(0).image);
+  DrivenPlugin plugin = create();
+  ASSERT_TRUE(plugin.init(first, asBox(scene.target_at(0))));
+  plugin.update(first);
+  EXPECT_EQ(plugin.phase(), "warming_up");
+  plugin.destroy();  // waits for the worker
 }
 
 }  // namespace
