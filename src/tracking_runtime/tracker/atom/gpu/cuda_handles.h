@@ -12,7 +12,8 @@
 #include "tracking_runtime/tracker/atom/gpu/cuda_error.h"
 
 /// Owners of device memory, pinned memory, streams and events. Each is empty at first, owns at most one
-/// handle, moves and does not copy; a moved-from owner is empty. None of them throws or synchronises beyond
+/// handle, moves and does not copy; a moved-from owner is empty, and what is moved onto another owner replaces
+/// its handle, which is released. None of them throws or synchronises beyond
 /// what the CUDA call that it wraps does. A release that fails in a destructor is written to standard error;
 /// `reset` hands the status to a caller that can do more with it.
 
@@ -61,8 +62,10 @@ class CudaBuffer {
   CudaBuffer(CudaBuffer&& other) noexcept
       : data_(std::exchange(other.data_, nullptr)), bytes_(std::exchange(other.bytes_, 0)) {}
   CudaBuffer& operator=(CudaBuffer&& other) noexcept {
-    std::swap(data_, other.data_);
-    std::swap(bytes_, other.bytes_);
+    if (this == &other) return *this;
+    release();
+    data_ = std::exchange(other.data_, nullptr);
+    bytes_ = std::exchange(other.bytes_, 0);
     return *this;
   }
   CudaBuffer(const CudaBuffer&) = delete;
@@ -150,7 +153,9 @@ class CudaStream {
   ~CudaStream() { release(); }
   CudaStream(CudaStream&& other) noexcept : stream_(std::exchange(other.stream_, nullptr)) {}
   CudaStream& operator=(CudaStream&& other) noexcept {
-    std::swap(stream_, other.stream_);
+    if (this == &other) return *this;
+    release();
+    stream_ = std::exchange(other.stream_, nullptr);
     return *this;
   }
   CudaStream(const CudaStream&) = delete;
@@ -188,7 +193,9 @@ class CudaEvent {
   ~CudaEvent() { release(); }
   CudaEvent(CudaEvent&& other) noexcept : event_(std::exchange(other.event_, nullptr)) {}
   CudaEvent& operator=(CudaEvent&& other) noexcept {
-    std::swap(event_, other.event_);
+    if (this == &other) return *this;
+    release();
+    event_ = std::exchange(other.event_, nullptr);
     return *this;
   }
   CudaEvent(const CudaEvent&) = delete;

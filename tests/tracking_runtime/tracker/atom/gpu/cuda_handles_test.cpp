@@ -113,6 +113,33 @@ TEST_F(CudaHandles, BufferMovesAndTheSourceIsEmpty) {
   EXPECT_EQ(assigned.bytes(), 16U);
 }
 
+/// Moves one owner of a handle onto another: the first is empty then, and the other's old handle is gone.
+template <typename Owner>
+void expect_replaced_by_move(Owner* source, Owner* target, const char* release_call) {
+  const auto handle = source->get();
+  host::reset_counters();
+  *target = std::move(*source);
+  EXPECT_EQ(target->get(), handle);
+  EXPECT_EQ(source->get(), nullptr) << release_call;  // NOLINT: the contract of a moved-from owner
+  EXPECT_EQ(host::counters().calls_of(release_call), 1);
+}
+
+TEST_F(CudaHandles, MovingOntoAnOwnerReleasesWhatItHeld) {
+  DeviceBuffer<float> buffers[2];
+  CudaStream streams[2];
+  CudaEvent events[2];
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_EQ(buffers[i].ensure(static_cast<std::size_t>(i) + 1), cudaSuccess);
+    ASSERT_EQ(streams[i].create_with_flags(cudaStreamNonBlocking), cudaSuccess);
+    ASSERT_EQ(events[i].create(), cudaSuccess);
+  }
+  expect_replaced_by_move(&buffers[1], &buffers[0], "cudaFree");
+  EXPECT_EQ(buffers[0].bytes(), 8U);
+  EXPECT_EQ(buffers[1].bytes(), 0U);
+  expect_replaced_by_move(&streams[1], &streams[0], "cudaStreamDestroy");
+  expect_replaced_by_move(&events[1], &events[0], "cudaEventDestroy");
+}
+
 TEST_F(CudaHandles, PinnedBufferIsWritableByTheHost) {
   PinnedBuffer<double> buffer;
   ASSERT_EQ(buffer.ensure(3), cudaSuccess);
