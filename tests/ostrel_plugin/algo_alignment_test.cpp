@@ -94,6 +94,18 @@ TEST_F(AlgoAlignment, AllowsFivePercentOfTheFieldOfViewOnEitherAxis) {
 TEST_F(AlgoAlignment, GoesTheShorterWayRoundInPanAndNotInTilt) {
   warmUp(view(179, 0, 40, 30), {40, 30, 20, 20});
   EXPECT_THAT(update(view(-179, 0, 40, 30)), Not(IsEmpty()));  // two degrees, not 358
+  warmUp(view(0, 179, 40, 40), {40, 30, 20, 20});
+  EXPECT_THAT(update(view(0, -179, 40, 40)), IsEmpty());
+  EXPECT_EQ(detail(), "dx_norm=0 dy_norm=-8.95");
+}
+
+TEST_F(AlgoAlignment, WaitsForEverWhenTheStartHadATargetButNoUsableView) {
+  warmUp(view(10, 5, 40, 0), {40, 30, 20, 20});
+  EXPECT_TRUE(Access::haveTarget(*algo));
+  EXPECT_FALSE(Access::haveInitView(*algo));
+  update(view(10, 5));
+  EXPECT_EQ(status(), "wait_alignment_metadata");
+  EXPECT_EQ(phase(), "waiting_alignment");
 }
 
 TEST_F(AlgoAlignment, DoublesTheExpectedBoxWhenTheViewNarrowsToAHalf) {

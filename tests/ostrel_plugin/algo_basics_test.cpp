@@ -1,4 +1,5 @@
 #include <regex>
+#include <thread>
 
 #include "ostrel_plugin/algo_fixture.h"
 
@@ -91,6 +92,64 @@ TEST_F(AlgoBasics, KeepsOneIdentifierOfItsOwn) {
   EXPECT_EQ(algo->getUuid(), uuid);
   EXPECT_NE(other.getUuid(), uuid);
   EXPECT_TRUE(std::regex_match(uuid, std::regex("[0-9a-f]{4,32}"))) << uuid;
+}
+
+TEST_F(AlgoBasics, PadsNoDrawOfAnIdentifier) {
+  std::size_t shortest = 32;
+  for (int i = 0; i < 200; ++i) shortest = std::min(shortest, OstrelAlgo().getUuid().size());
+  EXPECT_LT(shortest, 32U);  // about every fourth identifier holds a draw with a leading zero
+}
+
+TEST_F(AlgoBasics, WaitsForARunningFrameOnlyWhereItReadsState) {
+  startTracking();
+  std::promise<void> entered;
+  std::promise<void> gate;
+  script([&entered, opened = gate.get_future().share()](FakeBackendScript& backend) {
+    backend.on_call = [&entered, opened](const std::string&) {
+      entered.set_value();
+      opened.wait();
+    };
+  });
+  std::thread frame([this] { update(makePicture()); });
+  entered.get_future().wait();
+  EXPECT_EQ(algo->getName(), "OstrelAlgo");
+  EXPECT_TRUE(algo->isDynamic());
+  EXPECT_EQ(algo->getOutputDeclarations().size(), 2U);
+  EXPECT_FALSE(algo->getPropertyList().empty());
+  algo->changePerformance(3);
+  algo->setProperty("alive", "false");
+  const std::function<void()> waiting[] = {
+      [this] { algo->isAlive(); },       [this] { algo->getUuid(); },
+      [this] { algo->property(""); },    [this] { algo->enableDebug(false); },
+      [this] { algo->getConfigList(); }, [this] { algo->setConfig("{}"); },
+  };
+  std::vector<std::future<void>> calls;
+  for (const auto& call : waiting) calls.push_back(std::async(std::launch::async, call));
+  for (const auto& call : calls) {
+    EXPECT_EQ(call.wait_for(std::chrono::milliseconds(10)), std::future_status::timeout);
+  }
+  gate.set_value();
+  for (const auto& call : calls) call.wait();
+  frame.join();
+  EXPECT_EQ(stat("track_ok"), 2);
+}
+
+/// Tells how many trackers are alive when it goes.
+struct LastLook : ITrackingOverlay {
+  explicit LastLook(int* alive) : alive_(alive) {}
+  ~LastLook() override { *alive_ = FakeBackends::instance().snapshot().alive; }
+  void process(TrackingContext&) override {}
+  void reset() override {}
+  int* alive_;
+};
+
+TEST_F(AlgoBasics, DestroysTheOverlaysBeforeTheTracker) {
+  int alive = -1;
+  startTracking();
+  Access::overlays(*algo).push_back(std::make_unique<LastLook>(&alive));
+  algo.reset();
+  EXPECT_EQ(alive, 1);
+  EXPECT_EQ(asked().alive, 0);
 }
 
 TEST_F(AlgoBasics, NamesEveryPhase) {

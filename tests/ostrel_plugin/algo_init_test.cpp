@@ -131,7 +131,7 @@ TEST_F(AlgoInit, StartsOnOddAndTinyPictures) {
 }
 
 TEST_F(AlgoInit, ClearsTheWholeRun) {
-  startTracking();
+  startTracking(makePicture(64, 48, makeView(1, 2, 40, 30)));
   update(makePicture());
   ASSERT_EQ(stat("track_ok"), 2);
   ASSERT_EQ(property().at("frame_width"), 64);
@@ -153,7 +153,45 @@ TEST_F(AlgoInit, ClearsTheWholeRun) {
   EXPECT_EQ(Access::overlayFrameIndex(*algo), 0U);
   EXPECT_THAT(Access::overlays(*algo), IsEmpty());
   EXPECT_EQ(asked().alive, 0);
+  EXPECT_FALSE(Access::armed(*algo));
   EXPECT_FALSE(Access::haveInitView(*algo));
+  EXPECT_FALSE(Access::haveZoomReference(*algo));
+  EXPECT_EQ(Access::zoomReference(*algo), std::make_pair(0.0, 0.0));
+}
+
+TEST_F(AlgoInit, ForgetsTheOldRunEvenWhenItRefuses) {
+  config().preposition_enabled = true;
+  Metadata metadata = makeView(10, 5, 40, 30);
+  metadata["lumenar.follow_me_enabled_command"] = std::int32_t{1};
+  Access::resizeScale(*algo) = 0.5F;
+  warmUp(makePicture(64, 48, metadata));
+  ASSERT_TRUE(Access::haveTarget(*algo));
+  ASSERT_NE(Access::initReturnNs(*algo), 0U);
+  ASSERT_NE(Access::initLaunchNs(*algo), 0U);
+  EXPECT_FALSE(init(nullptr, {8, 8, 20, 16}));
+  const auto state = property();
+  for (const char* size : {"source_width", "source_height", "tracker_input_width", "tracker_input_height"}) {
+    EXPECT_EQ(state.at(size), 0) << size;
+  }
+  EXPECT_EQ(state.at("bbox"), nlohmann::json({0, 0, 0, 0}));
+  EXPECT_EQ(Access::scale(*algo), std::make_pair(1.0F, 1.0F));
+  EXPECT_EQ(Access::inverseScale(*algo), std::make_pair(1.0F, 1.0F));
+  EXPECT_FALSE(Access::haveTarget(*algo));
+  EXPECT_EQ(Access::target(*algo), std::make_pair(0.0, 0.0));
+  EXPECT_FALSE(Access::haveInitView(*algo));
+  EXPECT_EQ(Access::initReturnNs(*algo), 0U);
+  EXPECT_EQ(Access::initLaunchNs(*algo), 0U);
+}
+
+TEST_F(AlgoInit, DropsAFinishedWorkerBeforeItLooksAtItsArguments) {
+  warmUp();
+  algo->enableDebug(true);
+  const RecordedLog log;
+  EXPECT_FALSE(init(makePicture(), {8, 8, 0, 16}));
+  EXPECT_THAT(log.console(),
+              ElementsAre("drop_stale_init_result generation=1 current=2 status=init_ok",
+                          "runtime_status=init_start", "runtime_status=init_fail_invalid_roi"));
+  EXPECT_EQ(asked().alive, 0);
 }
 
 TEST_F(AlgoInit, RemembersTheViewOfItsPicture) {

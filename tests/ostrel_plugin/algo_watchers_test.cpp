@@ -35,6 +35,16 @@ TEST_F(AlgoZoom, NeverNotifiesASlowZoom) {
   EXPECT_EQ(notices(), 0);
 }
 
+TEST_F(AlgoZoom, NotifiesAStepOfMoreThanTwoPercent) {
+  startTracking(view(40, 30));
+  update(view(40 / 1.019, 30 / 1.019));
+  EXPECT_EQ(notices(), 0);
+  update(view(40 / (1.019 * 1.021), 30 / (1.019 * 1.021)));
+  EXPECT_EQ(notices(), 1);
+  update(view(40 / 1.019, 30 / 1.019));  // 2.06 percent back
+  EXPECT_EQ(notices(), 2);
+}
+
 TEST_F(AlgoZoom, ComparesAcrossAFrameWithoutAView) {
   startTracking(view(40, 30));
   update(makePicture());

@@ -39,7 +39,9 @@ TEST_F(AlgoWorkers, BuildTheTrackerFromTheSavedPictureAndBox) {
   config().learning_rate = 0.125F;
   init(makePicture(100, 80), {10, 20, 30, 40});
   config().learning_rate = 0.5F;  // later settings do not reach a saved request
-  update(makePicture(64, 48));    // this frame is only the signal
+  Access::bbox(*algo) = {};
+  update(makePicture(64, 48));  // this frame is only the signal
+  EXPECT_EQ(property().at("bbox"), nlohmann::json({10, 20, 30, 40}));
   Access::waitForWorkers(*algo);
   const FakeBackendScript seen = asked();
   EXPECT_EQ(seen.image_size, cv::Size(50, 40));
@@ -242,6 +244,33 @@ TEST_F(AlgoWorkers, EraseAnEntryWithoutAFuture) {
   Access::workers(*algo).emplace_back();
   update(makePicture());
   EXPECT_THAT(Access::workers(*algo), IsEmpty());
+}
+
+TEST_F(AlgoWorkers, HaveAWordForAResultWithoutOne) {
+  algo->enableDebug(true);
+  const auto hand_over = [this](Access::Result result) {
+    std::promise<Access::Result> promise;
+    promise.set_value(std::move(result));
+    Access::workers(*algo).push_back({Access::generation(*algo), promise.get_future()});
+    const RecordedLog log;
+    update(nullptr);
+    return log.console();
+  };
+  Access::Result good;
+  good.ok = true;
+  EXPECT_THAT(hand_over(std::move(good)), Contains("runtime_status=init_async_fail"));  // without a tracker
+  EXPECT_EQ(phase(), "failed");
+  good = {};
+  good.ok = true;
+  good.tracker = std::make_unique<atom::ATOM>(atom::NativeCppBackend::Config());
+  EXPECT_THAT(hand_over(std::move(good)), Contains("runtime_status=init_ok"));
+  EXPECT_EQ(phase(), "ready");
+  Access::Result bad;
+  bad.detail = "why";
+  EXPECT_THAT(hand_over(std::move(bad)), Contains("runtime_status=init_async_fail detail=why"));
+  EXPECT_EQ(phase(), "failed");
+  EXPECT_FALSE(Access::tracker(*algo));
+  EXPECT_FALSE(Access::armed(*algo));
 }
 
 TEST_F(AlgoWorkers, AreNotLaunchedTwice) {

@@ -64,13 +64,13 @@ TEST(MetadataFlag, LeavesTheOutputAloneOtherwise) {
   }
 }
 
-// A picture whose blue is the column, green the row, red a constant.
-std::shared_ptr<OptrixPicture> makeRamp(int width, int height) {
+// A picture whose blue grows with the column, green with the row, red is a constant.
+std::shared_ptr<OptrixPicture> makeRamp(int width, int height, int step = 4) {
   std::vector<std::uint8_t> pixels;
   for (int row = 0; row < height; ++row) {
     for (int column = 0; column < width; ++column) {
-      pixels.push_back(static_cast<std::uint8_t>(column * 4));
-      pixels.push_back(static_cast<std::uint8_t>(row * 4));
+      pixels.push_back(static_cast<std::uint8_t>(column * step));
+      pixels.push_back(static_cast<std::uint8_t>(row * step));
       pixels.push_back(200);
     }
   }
@@ -105,6 +105,11 @@ TEST_F(BuildBgr, LaysOutputPixelsOnTheCentresOfSourcePixels) {
   // Output pixel 5 covers source pixels 10 and 11, whose mean is 42.
   EXPECT_EQ(image.at<cv::Vec3b>(0, 5)[0], 42);
   EXPECT_EQ(image.at<cv::Vec3b>(5, 0)[1], 42);
+}
+
+TEST_F(BuildBgr, RoundsHalvesUp) {
+  const cv::Mat image = buildBgrFromOptrixTensor(makeRamp(40, 32, 1), 20, 16);
+  EXPECT_EQ(image.at<cv::Vec3b>(7, 5), cv::Vec3b(11, 15, 200));  // means of 10.5 and 14.5
 }
 
 TEST_F(BuildBgr, ClearsTheLowestBitOfTheSizeAndHoldsItAtTwo) {
