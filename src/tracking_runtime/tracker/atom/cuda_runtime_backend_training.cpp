@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdio>
+#include <exception>
 #include <new>
 #include <utility>
 
@@ -55,11 +56,11 @@ void print_done(const TrainingJob& job, bool trained, int stored, int selected, 
                selected, elapsed_ms);
 }
 
-void print_exception(const TrainingJob& job, const std::string& text, double elapsed_ms) {
+void print_exception(const TrainingJob& job, const char* text, double elapsed_ms) {
   std::fprintf(stderr,
                "[CudaRuntimeBackend][train] job=%d frame=%d reason=%s exception=%s stored=%d selected=%d "
                "elapsed=%.1fms\n",
-               job.number, job.frame, job.reason.c_str(), text.c_str(), job.stored, job.selected, elapsed_ms);
+               job.number, job.frame, job.reason.c_str(), text, job.stored, job.selected, elapsed_ms);
 }
 
 // One flat array of the first labels; empty unless each is one label of the given shape.
@@ -78,6 +79,7 @@ std::vector<float> concatenated(const std::vector<LabelMap>& labels, std::size_t
 
 bool CudaRuntimeBackend::batch_init_memory_(const std::vector<FeatureMap>& features,
                                             const std::vector<LabelMap>& labels) {
+  if (!is_start_up_set(features, labels)) return false;
   const std::lock_guard<std::mutex> lock(state_mutex);
   return memory.batch_init_(features, labels, config.sample_memory_size);
 }
@@ -155,8 +157,11 @@ void CudaRuntimeBackend::run_training_job_(const TrainingJob& job) {
     int stored = 0;
     const bool trained = train_filter_from_memory_(job.iterations, job.sample_cap, &selected, &stored);
     print_done(job, trained, stored, selected, clock.elapsed_ms());
+  } catch (const std::exception& exception) {
+    // The text is printed where it lies: a copy could throw once more, and the job would count as running for good.
+    print_exception(job, exception.what(), clock.elapsed_ms());
   } catch (...) {
-    print_exception(job, current_exception_text(), clock.elapsed_ms());
+    print_exception(job, "unknown", clock.elapsed_ms());
   }
   training_in_flight = false;
   active_training_job = 0;

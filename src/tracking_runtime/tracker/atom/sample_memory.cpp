@@ -67,6 +67,11 @@ bool is_one_sample(const FeatureMap& feature, const LabelMap& label) {
   return feature.defined() && feature.samples == 1 && label.defined() && label.samples == 1;
 }
 
+bool is_start_up_set(const std::vector<FeatureMap>& features, const std::vector<LabelMap>& labels) {
+  return !features.empty() && labels.size() == features.size() &&
+         is_one_sample(features.front(), labels.front());
+}
+
 void SampleMemory::rebuild_(const FeatureMap& feature, const LabelMap& label, int capacity) {
   // Without weights nothing reads the memory, so that running out of memory half way leaves an empty one.
   sample_weights.clear();
@@ -86,8 +91,7 @@ void SampleMemory::rebuild_(const FeatureMap& feature, const LabelMap& label, in
 
 bool SampleMemory::batch_init_(const std::vector<FeatureMap>& features, const std::vector<LabelMap>& labels,
                                int capacity) {
-  if (features.empty() || labels.size() != features.size()) return false;
-  if (!is_one_sample(features.front(), labels.front())) return false;
+  if (!is_start_up_set(features, labels)) return false;
   capacity = std::max(capacity, 1);
   const std::size_t feature_stride = features.front().sample_stride();
   const std::size_t label_stride = labels.front().stride();

@@ -18,6 +18,9 @@ struct TrainingSelection {
 /// Whether both are defined and hold one sample: what the memory takes.
 bool is_one_sample(const FeatureMap& feature, const LabelMap& label);
 
+/// Whether a start-up set can fill the memory: a label for each feature, and the first of both one sample.
+bool is_start_up_set(const std::vector<FeatureMap>& features, const std::vector<LabelMap>& labels);
+
 /// Bounded, weighted store of projected samples and their labels. Weights decay exponentially, so the newest
 /// sample weighs most, while the start-up set keeps a quarter of the whole. The backend guards it with its
 /// state mutex; `capacity` is `max(sample_memory_size, 1)` of the running configuration.

@@ -103,11 +103,13 @@ TEST_F(Training, NeverAdoptsAnEmptyFilter) {
   EXPECT_EQ(filter_version(), 7U);
 }
 
-TEST_F(Training, StoresAndFillsUnderTheLockButRefusesBadSamplesWithoutIt) {
+TEST_F(Training, RefusesBadSamplesWithoutTheLock) {
   fill(2);
   const std::lock_guard<std::mutex> lock(Access::state_mutex(*backend_));
   EXPECT_FALSE(Access::store_training_sample(*backend_, FeatureMap(), label(0), 0.1F));
   EXPECT_FALSE(Access::store_training_sample(*backend_, feature(0), LabelMap(), 0.1F));
+  EXPECT_FALSE(Access::batch_init_memory(*backend_, {}, {}));
+  EXPECT_FALSE(Access::batch_init_memory(*backend_, {feature(0)}, {LabelMap()}));
 }
 
 TEST_F(Training, StoresWithoutAllocating) {
