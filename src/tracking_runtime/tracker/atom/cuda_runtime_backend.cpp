@@ -14,6 +14,7 @@
 #include "tracking_runtime/tracker/atom/refuse.h"
 
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
+
 CudaRuntimeBackend::CudaRuntimeBackend(NativeCppBackend::Config initial_config)
     : TargetState(std::move(initial_config)),
       trace_writer(std::make_unique<ReferenceTraceWriter>(config.reference_trace_path)) {}

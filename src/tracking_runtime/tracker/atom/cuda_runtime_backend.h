@@ -37,8 +37,8 @@ struct TrainingTask;
 /// The tracker: backbone engine, learned projection, a small filter trained online, multi-scale search.
 ///
 /// Threads: one thread tracks and starts (the caller serialises), and at most one training job runs beside
-/// it. `state_mutex` guards `memory` and the filter of `weights` and is held for copies and swaps only;
-/// `filter_trainer_mutex` serialises the trainer. A job never holds both.
+/// it. `state_mutex` guards `memory` and the filter of `weights` and is held for copies and swaps only, and while
+/// `updateConfig` writes the configuration; `filter_trainer_mutex` serialises the trainer. A job never holds both.
 class CudaRuntimeBackend final : public AtomRuntimeBackend, private TargetState {
  public:
   explicit CudaRuntimeBackend(NativeCppBackend::Config initial_config);

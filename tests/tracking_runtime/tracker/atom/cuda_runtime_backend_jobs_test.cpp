@@ -290,5 +290,53 @@ TEST_F(TrainingJobs, RunBesideStoresAndClassifications) {
   EXPECT_EQ(Access::memory(*backend_).num_stored_samples, 44);
 }
 
+// What runs on one thread beside a job on another.
+class StateLock : public TrainingFixture {
+ protected:
+  // Whether `action` goes through only after the lock is free.
+  template <typename Action>
+  bool waits(const Action& action) {
+    std::atomic<bool> begun{false};
+    std::atomic<bool> through{false};
+    std::unique_lock<std::mutex> lock(Access::state_mutex(*backend_));
+    std::thread other([&] {
+      begun = true;
+      action();
+      through = true;
+    });
+    while (!begun) std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    const bool held_up = !through;
+    lock.unlock();
+    other.join();
+    return held_up && through;
+  }
+};
+
+TEST_F(StateLock, GuardsMemoryFilterAndConfiguration) {
+  fill(3);
+  EXPECT_TRUE(waits([&] { fill(2); }));
+  EXPECT_TRUE(waits([&] { Access::store_training_sample(*backend_, feature(5), label(5), 0.1F); }));
+  EXPECT_TRUE(waits([&] { Access::classify_feature(*backend_, feature(5)); }));
+  EXPECT_TRUE(waits([&] { Access::train_filter_from_memory(*backend_, 1, 0, nullptr, nullptr); }));
+  EXPECT_TRUE(waits([&] { Access::adopt_filter(*backend_, std::vector<float>(8, 0.5F)); }));
+  EXPECT_TRUE(waits([&] {
+    NativeCppBackend::Config wanted = config();
+    wanted.learning_rate = 0.5F;
+    backend_->updateConfig(&wanted, nullptr);
+  }));
+  EXPECT_EQ(Access::state(*backend_).config.learning_rate, 0.5F);
+}
+
+TEST_F(StateLock, IsNotTakenByCorrectionsFromOutside) {
+  TargetState& state = Access::state(*backend_);
+  state.initialized = state.runtime_initialized = true;
+  state.image_size = {100, 80};
+  state.base_target_size = {10.0F, 10.0F};
+  const std::lock_guard<std::mutex> lock(Access::state_mutex(*backend_));
+  EXPECT_TRUE(backend_->teleport({40.0F, 30.0F, 20.0F, 20.0F}, nullptr, nullptr));
+  EXPECT_TRUE(backend_->zoomChanged(1.5F, nullptr, nullptr));
+}
+
 }  // namespace
 }  // namespace ostrel_tracker::tracking_runtime::tracker::atom
