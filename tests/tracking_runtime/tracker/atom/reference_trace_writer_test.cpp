@@ -12,6 +12,8 @@
 #include <sstream>
 #include <string>
 
+#include "support/grouping_locale.h"
+
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
 namespace {
 
@@ -53,6 +55,14 @@ TEST_F(ReferenceTrace, WritesAHeaderAndALinePerDecision) {
   log(&writer);
   log(&writer);
   EXPECT_EQ(text_of(path()), std::string(kHeader) + kLine + kLine);
+}
+
+TEST_F(ReferenceTrace, WritesNumbersWithoutTheHabitsOfTheLocale) {
+  const ostrel_test::GroupingLocale grouping;
+  ReferenceTraceWriter writer(path());
+  writer.log("track_ok", 12345, "cuda", "ok", {6789, 2, 30, 40}, 0.5F, 0.25F, 0.0F, 1.0F, 2.5F);
+  EXPECT_EQ(text_of(path()),
+            std::string(kHeader) + "track_ok\t12345\tcuda\tok\t6789\t2\t30\t40\t0.5\t0.25\t0\t1\t2.5\n");
 }
 
 TEST_F(ReferenceTrace, FlushesEveryLine) {
