@@ -19,7 +19,10 @@ struct AtomTestAccess {
   static const base::BBox& last_bbox(const ATOM& atom) { return atom.last_bbox_; }
   static const NativeCppBackend::Config& config(const ATOM& atom) { return atom.config_; }
   static cv::Size_<float> frame_size(const ATOM& atom) { return {atom.frame_width_, atom.frame_height_}; }
-  static void forget_frame_size(ATOM* atom) { atom->frame_width_ = atom->frame_height_ = 0.0F; }
+  static void set_frame_size(ATOM* atom, float width, float height) {
+    atom->frame_width_ = width;
+    atom->frame_height_ = height;
+  }
   static void drop_backend(ATOM* atom) { atom->backend_.reset(); }
 };
 

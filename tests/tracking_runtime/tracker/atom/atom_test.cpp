@@ -187,12 +187,15 @@ TEST_F(Facade, ClampsTheBoxToTheFrameThatStartedIt) {
 
 TEST_F(Facade, FallsBackToAFrameThatHoldsImageAndBoxWithoutAStoredSize) {
   start();
-  AtomTestAccess::forget_frame_size(&atom_);
-  fakes().set([](FakeBackendScript& script) { script.track.bbox = {10.25F, 20.0F, 30.5F, 40.0F}; });
-  expect_box(atom_.track(image(100, 30)).bbox, 10.25F, 20.0F, 30.5F, 40.0F);
-  fakes().set([](FakeBackendScript& script) { script.track.bbox = {-500.0F, -500.0F, 200.0F, 200.0F}; });
-  expect_box(atom_.track(image(100, 30)).bbox, 0.0F, 0.0F, 100.0F, 30.0F);
-  expect_box(track_view().bbox, 0.0F, 0.0F, 1.0F, 1.0F);
+  for (const auto& [width, height] :
+       std::vector<std::pair<float, float>>{{0.0F, 0.0F}, {0.0F, 20.0F}, {20.0F, 0.4F}}) {
+    AtomTestAccess::set_frame_size(&atom_, width, height);
+    fakes().set([](FakeBackendScript& script) { script.track.bbox = {10.25F, 20.0F, 30.5F, 40.0F}; });
+    expect_box(atom_.track(image(100, 30)).bbox, 10.25F, 20.0F, 30.5F, 40.0F);
+    fakes().set([](FakeBackendScript& script) { script.track.bbox = {-500.0F, -500.0F, 200.0F, 200.0F}; });
+    expect_box(atom_.track(image(100, 30)).bbox, 0.0F, 0.0F, 100.0F, 30.0F);
+    expect_box(track_view().bbox, 0.0F, 0.0F, 1.0F, 1.0F);
+  }
 }
 
 TEST_F(Facade, ClampsTheScore) {
