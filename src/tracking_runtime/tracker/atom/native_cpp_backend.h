@@ -88,6 +88,7 @@ class NativeCppBackend {
     float jump_max_scale_change = 0.0F;
   };
 
+  /// A word that names no backend leaves none: every operation then answers with a word that says so.
   explicit NativeCppBackend(Config config);
   ~NativeCppBackend();
   NativeCppBackend(const NativeCppBackend&) = delete;
@@ -99,7 +100,12 @@ class NativeCppBackend {
              int frame_width, int frame_height, base::BBox* bbox, float* score, std::string* status);
   bool teleport(const base::BBox& expected, base::BBox* bbox, std::string* status);
   bool zoomChanged(float scale_factor, base::BBox* bbox, std::string* status);
+  /// Another backend word is put back to the running one, with the note "runtime_backend requires reinit" in
+  /// front of the backend's own text; the rest of the record is taken, corrected as the backend left it. False
+  /// keeps the old record. Without a backend the record is taken as it is and the backend is tried once more;
+  /// the result tells whether there is one now.
   bool updateConfig(Config config, std::string* status);
+  /// The record in force.
   const Config& config() const { return config_; }
 
  private:
