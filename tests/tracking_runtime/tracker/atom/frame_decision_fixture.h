@@ -56,6 +56,14 @@ inline TargetState started(const NativeCppBackend::Config& config) {
   return state;
 }
 
+/// The same of a target four times as wide as high: its width is the larger side of every limit.
+inline TargetState started_oblong(const NativeCppBackend::Config& config) {
+  TargetState state = started(config);
+  state.target_size = {48.0F, 12.0F};
+  state.base_target_size = {48.0F, 12.0F};
+  return state;
+}
+
 inline Candidate candidate(float scale, const TargetState& state, const std::vector<Spike>& spikes) {
   Candidate result;
   result.scale = scale;

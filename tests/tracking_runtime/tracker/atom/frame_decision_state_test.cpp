@@ -79,6 +79,35 @@ TEST(FrameDecision, ScaleBandGrowsWithTheTarget) {
   EXPECT_FLOAT_EQ(state.target_scale, 1.0F);
 }
 
+TEST(FrameDecision, LimitsFollowTheLargerSideAndItsChange) {
+  NativeCppBackend::Config config = plain_config();
+  config.jump_filter_enabled = true;
+  config.jump_min_score = 1.0F;
+  config.jump_max_motion_factor = 0.25F;  // of 48: 12 px
+  TargetState state = started_oblong(config);
+  EXPECT_STREQ(decide_spikes(&state, {{kMiddle + 12, kMiddle, 100.0F}}).status,
+               "ok_low_confidence_freeze_hold");
+
+  const auto scale_after = [](float band_px, float band_ratio) {
+    NativeCppBackend::Config banded = plain_config();
+    banded.roi_scale_deadband_px = band_px;
+    banded.roi_scale_deadband_ratio = band_ratio;
+    TargetState oblong = started_oblong(banded);
+    decide(&oblong, {candidate(1.25F, oblong, {{}})});  // 48 px become 60, 12 px become 15
+    return oblong.target_scale;
+  };
+  EXPECT_FLOAT_EQ(scale_after(5.0F, 0.0F), 1.25F);
+  EXPECT_FLOAT_EQ(scale_after(0.0F, 0.125F), 1.0F);
+}
+
+TEST(FrameDecision, SidesBelowTwoPixelsDoNotChange) {
+  TargetState state = started(plain_config());
+  state.target_size = {1.0F, 1.0F};
+  state.base_target_size = {1.0F, 1.0F};
+  EXPECT_EQ(decide(&state, {candidate(1.25F, state, {{}})}).size_change, 0.0F);
+  EXPECT_EQ(state.target_scale, 1.0F);
+}
+
 TEST(FrameDecision, FlaggedFramesSkipTheScaleBands) {
   const auto scale_after = [](const std::vector<Spike>& spikes, bool on_uncertain) {
     NativeCppBackend::Config config = plain_config();

@@ -234,6 +234,35 @@ TEST(FrameDecision, DistanceTellsWhichOfTwoPeaksIsTheTarget) {
   EXPECT_EQ(run(80, 90).flag, FrameFlag::kUncertain);
 }
 
+TEST(FrameDecision, MeasuresAnOblongResponseByBothOfItsSides) {
+  NativeCppBackend::Config config = plain_config();
+  config.prefer_stable_reacquisition = false;
+  config.peak_exclusion_scale = 0.0F;
+  config.peak_distance_ratio = 0.5F;
+  TargetState state = started(config);
+  Candidate oblong = candidate(1.0F, state, {{116, 26, 100.0F}});
+  oblong.response = cv::Mat::zeros(48, kSide, CV_32F);  // a limit of half the root of 48 * 192 over 2: 24
+  oblong.response.at<float>(26, 116) = 100.0F;          // 20 right of the middle, 2 below
+  oblong.response.at<float>(24, 66) = 99.0F;            // 30 left of it
+  const FrameDecision decision = decide(&state, {oblong});
+  EXPECT_EQ(decision.flag, FrameFlag::kHardNegative);
+  EXPECT_FLOAT_EQ(decision.mx, 20.0F);
+  EXPECT_FLOAT_EQ(decision.my, 8.0F);  // a row stands for four pixels of the input
+}
+
+TEST(FrameDecision, AScaleOfNoSizeMasksTheWholeResponse) {
+  TargetState state = started(plain_config());
+  state.target_scale = -1.0F;
+  EXPECT_EQ(decide_spikes(&state, {{kMiddle, kMiddle, 100.0F}, {5, 5, 60.0F}}).max2, 0.0F);
+}
+
+TEST(FrameDecision, DeadBandGrowsWithTheLargerSide) {
+  NativeCppBackend::Config config = plain_config();
+  config.micro_motion_deadband_ratio = 0.125F;  // of 48: 6 px
+  TargetState state = started_oblong(config);
+  EXPECT_FLOAT_EQ(decide_spikes(&state, {{kMiddle + 10, kMiddle, 100.0F}}).mx, 4.0F);
+}
+
 TEST(FrameDecision, DeadBandActsOnNormalFramesOnly) {
   NativeCppBackend::Config config = plain_config();
   config.prefer_stable_reacquisition = false;
