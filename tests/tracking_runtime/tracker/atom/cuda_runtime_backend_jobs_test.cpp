@@ -290,7 +290,7 @@ TEST_F(TrainingJobs, RunBesideStoresAndClassifications) {
   EXPECT_EQ(Access::memory(*backend_).num_stored_samples, 44);
 }
 
-// What runs on one thread beside a job on another.
+// Who waits while another thread holds the lock, and who does not.
 class StateLock : public TrainingFixture {
  protected:
   // Whether `action` goes through only after the lock is free.
