@@ -33,6 +33,15 @@ class ClipToBoxes : public ostrel_test::ProgramTest {
     return run("track " + source + " --out " + folder_.file("out") + " " + words);
   }
 
+  // The program's own word is one line, behind what the tracker writes to standard error by itself.
+  static void expect_last_line(const Outcome& outcome, const std::string& message) {
+    const std::string line = "ostrel_host: " + message + "\n";
+    const std::size_t at = outcome.err.find("ostrel_host: ");
+    ASSERT_NE(at, std::string::npos) << outcome.err;
+    EXPECT_TRUE(at == 0 || outcome.err[at - 1] == '\n') << outcome.err;
+    EXPECT_EQ(outcome.err.substr(at), line);
+  }
+
   std::string first_box() const {
     const std::string truth = content_of(folder_.file("groundtruth_rect.txt"));
     return truth.substr(0, truth.find('\n'));
@@ -112,11 +121,12 @@ TEST_F(ClipToBoxes, EndsInOneLineWhereTheEngineCannotBeUsed) {
   const struct {
     const char* engine;
     const char* cause;
+    bool names_file;
   } rows[] = {
-      {"missing.onnx", "TensorRT backbone engine not found: "},
-      {"empty.onnx", "failed to deserialize TensorRT engine: "},
-      {"truncated.onnx", "failed to deserialize TensorRT engine: "},
-      {"other_input.onnx", "failed to extract template feature"},
+      {"missing.onnx", "TensorRT backbone engine not found: ", true},
+      {"empty.onnx", "failed to deserialize TensorRT engine: ", true},
+      {"truncated.onnx", "failed to deserialize TensorRT engine: ", true},
+      {"other_input.onnx", "failed to extract template feature", false},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.engine);
@@ -124,11 +134,17 @@ TEST_F(ClipToBoxes, EndsInOneLineWhereTheEngineCannotBeUsed) {
         track(clip, "--roi 40,30,20,20 --wait-ready --no-video --engine " + folder_.file(row.engine));
     EXPECT_EQ(outcome.exit_code, 2);
     EXPECT_EQ(outcome.out, "");
-    const std::string line =
-        std::string("ostrel_host: tracking could not start: init_async_fail (initialize failed: ") +
-        row.cause;
-    EXPECT_NE(outcome.err.find(line), std::string::npos) << outcome.err;
+    expect_last_line(outcome, std::string("tracking could not start: init_async_fail (initialize failed: ") +
+                                  row.cause + (row.names_file ? folder_.file(row.engine) : "") + ")");
   }
+}
+
+TEST_F(ClipToBoxes, EndsInOneLineForARegionOfOnePixel) {
+  const std::string clip = rendered("clip.mp4", {128, 96, 4, 1});
+  const Outcome outcome = track(clip, "--roi 40,30,1,20 --wait-ready --no-video --engine " + engine());
+  EXPECT_EQ(outcome.exit_code, 2);
+  expect_last_line(outcome,
+                   "tracking could not start: init_async_fail (initialize failed: invalid init bbox)");
 }
 
 TEST_F(ClipToBoxes, GivesThePluginsWordForARegionWithoutSize) {
