@@ -30,7 +30,7 @@ std::uint64_t timestamp_ns(std::size_t frame, double frame_rate) {
 
 class VideoSource : public FrameSource {
  public:
-  VideoSource(cv::VideoCapture capture, bool live) : capture_(std::move(capture)), live_(live) {}
+  VideoSource(const cv::VideoCapture& capture, bool live) : capture_(capture), live_(live) {}
 
   std::optional<Frame> next() override {
     Frame frame;
@@ -122,7 +122,7 @@ std::unique_ptr<FrameSource> open_video(const std::string& source) {
   quieten_decoders();
   cv::VideoCapture capture;
   if (!capture.open(source, cv::CAP_FFMPEG)) throw BadInput("'" + source + "' cannot be read as a video");
-  return std::make_unique<VideoSource>(std::move(capture), false);
+  return std::make_unique<VideoSource>(capture, false);
 }
 
 std::unique_ptr<FrameSource> open_camera(const std::string& source) {
@@ -136,7 +136,7 @@ std::unique_ptr<FrameSource> open_camera(const std::string& source) {
   quieten_decoders();
   cv::VideoCapture capture;
   if (!capture.open(number)) throw BadInput("camera " + std::to_string(number) + " cannot be opened");
-  return std::make_unique<VideoSource>(std::move(capture), true);
+  return std::make_unique<VideoSource>(capture, true);
 }
 
 }  // namespace

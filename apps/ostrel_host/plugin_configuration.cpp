@@ -51,7 +51,9 @@ void require_known(const json& document, const json& schema, const std::string& 
   const auto properties = schema.find("properties");
   if (properties == schema.end() || !properties->is_object() || !document.is_object()) return;
   for (const auto& [key, value] : document.items()) {
-    const std::string here = path.empty() ? key : path + "/" + key;
+    std::string here = path;
+    if (!here.empty()) here += '/';
+    here += key;
     const auto known = properties->find(key);
     if (known == properties->end()) throw BadInput("the plug-in knows no setting '" + here + "'");
     require_known(value, *known, here);

@@ -94,7 +94,7 @@ void write_nv12_row(const Scratch& scratch, const CropTarget& target, PlaneRows 
   const float* cb_row = scratch.rows[1].data();
   const float* cr_row = scratch.rows[2].data();
   const std::size_t width = static_cast<std::size_t>(target.out_width);
-#pragma GCC ivdep
+#pragma GCC ivdep  // NOLINT(clang-diagnostic-unknown-pragmas)
   for (std::size_t i = 0; i < width; ++i) {
     const float grey = kLumaGain * (gathered(luma, scratch.luma_taps, i) - 16.0F);
     const float cb = gathered(cb_row, scratch.chroma_taps, i) - 128.0F;
@@ -107,7 +107,7 @@ void write_nv12_row(const Scratch& scratch, const CropTarget& target, PlaneRows 
 
 void write_bgr_row(const Scratch& scratch, const CropTarget& target, PlaneRows out) {
   const std::size_t width = static_cast<std::size_t>(target.out_width);
-#pragma GCC ivdep
+#pragma GCC ivdep  // NOLINT(clang-diagnostic-unknown-pragmas)
   for (std::size_t i = 0; i < width; ++i) {
     out.blue[i] = target.scale * gathered(scratch.rows[0].data(), scratch.luma_taps, i);
     out.green[i] = target.scale * gathered(scratch.rows[1].data(), scratch.luma_taps, i);
