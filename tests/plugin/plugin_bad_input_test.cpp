@@ -1,6 +1,4 @@
 // What a host can do wrong, each with its word, and that the next good call goes on.
-#include <fstream>
-
 #include "plugin/loaded_plugin_fixture.h"
 
 namespace ostrel_test {
@@ -37,10 +35,6 @@ class PluginBadInput : public LoadedPluginTest {
     EXPECT_EQ(plugin.settle(first_).size(), 1U) << plugin.property();
     EXPECT_EQ(plugin.status(), "track_ok");
   }
-  static std::string content(const std::string& path) {
-    std::ifstream stream(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), {}};
-  }
 
   TemporaryFolder folder_;
   ostrel_scene::Scene scene_;
@@ -59,7 +53,7 @@ TEST_F(PluginBadInput, NamesAnEngineThatIsEmptyOrTruncated) {
   DrivenPlugin plugin = create();
   const std::string empty = folder_.file("empty.onnx", "");
   expectRefusedEngine(plugin, empty, "failed to deserialize TensorRT engine: " + empty);
-  const std::string whole = content(engine());
+  const std::string whole = content_of(engine());
   const std::string half = folder_.file("half.onnx", whole.substr(0, whole.size() / 2));
   expectRefusedEngine(plugin, half, "failed to deserialize TensorRT engine: " + half);
   const std::string noise = folder_.file("noise.onnx", "this is no engine");

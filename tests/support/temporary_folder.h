@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -21,6 +22,7 @@ class TemporaryFolder {
   TemporaryFolder(const TemporaryFolder&) = delete;
   TemporaryFolder& operator=(const TemporaryFolder&) = delete;
 
+  const std::filesystem::path& path() const { return path_; }
   std::string path(const std::string& name) const { return (path_ / name).string(); }
 
   /// Writes a file of these bytes and returns its path.
@@ -40,5 +42,11 @@ class TemporaryFolder {
 
   std::filesystem::path path_;
 };
+
+/// The bytes of a file; none when it cannot be read.
+inline std::string content_of(const std::string& file) {
+  std::ifstream stream(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(stream), {}};
+}
 
 }  // namespace ostrel_test

@@ -4,7 +4,7 @@
 
 #include <cmath>
 
-#include "apps/ostrel_host/temporary_folder.h"
+#include "support/temporary_folder.h"
 
 namespace {
 
@@ -83,7 +83,7 @@ TEST(Score, AgreesWithTheDefinitionOnRandomBoxes) {
 
 TEST(BoxFile, ReadsBoxesAndAbsentTargets) {
   const ostrel_test::TemporaryFolder folder;
-  const Boxes boxes = read_boxes(folder.write("boxes.txt", "1,2,3,4\nNaN,NaN,NaN,NaN\n5.5\t6\t7\t8\r\n\n"));
+  const Boxes boxes = read_boxes(folder.file("boxes.txt", "1,2,3,4\nNaN,NaN,NaN,NaN\n5.5\t6\t7\t8\r\n\n"));
   ASSERT_EQ(boxes.size(), 3u);
   EXPECT_EQ(boxes[0], cv::Rect2d(1, 2, 3, 4));
   EXPECT_EQ(boxes[1].width, 0.0);
@@ -92,9 +92,9 @@ TEST(BoxFile, ReadsBoxesAndAbsentTargets) {
 
 TEST(BoxFile, RefusesWhatIsNoListOfBoxes) {
   const ostrel_test::TemporaryFolder folder;
-  EXPECT_THROW(read_boxes(folder.file("missing.txt")), BadInput);
-  EXPECT_THROW(read_boxes(folder.write("empty.txt", "\n")), BadInput);
-  EXPECT_THROW(read_boxes(folder.write("words.txt", "1,2,3,4\nhello\n")), BadInput);
+  EXPECT_THROW(read_boxes(folder.path("missing.txt")), BadInput);
+  EXPECT_THROW(read_boxes(folder.file("empty.txt", "\n")), BadInput);
+  EXPECT_THROW(read_boxes(folder.file("words.txt", "1,2,3,4\nhello\n")), BadInput);
 }
 
 }  // namespace

@@ -23,14 +23,14 @@ class ClipToBoxes : public ostrel_test::ProgramTest {
       options.seed = 1;
       options.outputs = ostrel::backbone::TrunkOutputs::kLayer2;
       std::string error;
-      EXPECT_TRUE(write_trunk(options, folder.file("random.onnx"), &error)) << error;
-      return folder.file("random.onnx");
+      EXPECT_TRUE(write_trunk(options, folder.path("random.onnx"), &error)) << error;
+      return folder.path("random.onnx");
     }();
     return file;
   }
 
   Outcome track(const std::string& source, const std::string& words) const {
-    return run("track " + source + " --out " + folder_.file("out") + " " + words);
+    return run("track " + source + " --out " + folder_.path("out") + " " + words);
   }
 
   // The program's own word is one line, behind what the tracker writes to standard error by itself.
@@ -43,7 +43,7 @@ class ClipToBoxes : public ostrel_test::ProgramTest {
   }
 
   std::string first_box() const {
-    const std::string truth = content_of(folder_.file("groundtruth_rect.txt"));
+    const std::string truth = content_of(folder_.path("groundtruth_rect.txt"));
     return truth.substr(0, truth.find('\n'));
   }
 };
@@ -53,8 +53,8 @@ TEST_F(ClipToBoxes, FollowsTheRenderedTarget) {
   const Outcome outcome = track(clip, "--roi " + first_box() + " --engine " + engine() + " --wait-ready");
   ASSERT_EQ(outcome.exit_code, 0) << outcome.err;
   const AccuracyReport report =
-      ostrel_host::score_boxes(ostrel_host::read_boxes(folder_.file("out/boxes.txt")),
-                               ostrel_host::read_boxes(folder_.file("groundtruth_rect.txt")));
+      ostrel_host::score_boxes(ostrel_host::read_boxes(folder_.path("out/boxes.txt")),
+                               ostrel_host::read_boxes(folder_.path("groundtruth_rect.txt")));
   EXPECT_EQ(report.frames, 50u);
   EXPECT_GT(report.success_auc, 0.5);
   EXPECT_GT(report.precision_20px, 0.9);
@@ -100,10 +100,10 @@ TEST_F(ClipToBoxes, TracksInTinyAndOddFrames) {
   for (int i = 0; i < 3; ++i) {
     cv::Mat image(9, 13, CV_8UC3, cv::Scalar::all(40));
     image(cv::Rect(4, 2, 4, 4)).setTo(cv::Scalar(20, 200, 240));
-    cv::imwrite(folder_.file("tiny/" + std::to_string(i) + ".png"), image);
+    cv::imwrite(folder_.path("tiny/" + std::to_string(i) + ".png"), image);
   }
   const Outcome outcome =
-      track(folder_.file("tiny"), "--roi 4,2,4,4 --engine " + engine() + " --wait-ready --no-video");
+      track(folder_.path("tiny"), "--roi 4,2,4,4 --engine " + engine() + " --wait-ready --no-video");
   EXPECT_EQ(outcome.exit_code, 0) << outcome.err;
   EXPECT_EQ(lines().size(), 3u);
   EXPECT_EQ(lines()[2]["phase"], "ready");
@@ -112,12 +112,12 @@ TEST_F(ClipToBoxes, TracksInTinyAndOddFrames) {
 TEST_F(ClipToBoxes, EndsInOneLineWhereTheEngineCannotBeUsed) {
   const std::string clip = rendered("clip.mp4", {128, 96, 4, 1});
   const std::string whole = content_of(engine());
-  folder_.write("empty.onnx", "");
-  folder_.write("truncated.onnx", whole.substr(0, whole.size() / 2));
+  folder_.file("empty.onnx", "");
+  folder_.file("truncated.onnx", whole.substr(0, whole.size() / 2));
   ostrel::backbone::TrunkOptions tiny;
   tiny.tiny = true;
   std::string error;
-  ASSERT_TRUE(write_trunk(tiny, folder_.file("other_input.onnx"), &error)) << error;
+  ASSERT_TRUE(write_trunk(tiny, folder_.path("other_input.onnx"), &error)) << error;
   const struct {
     const char* engine;
     const char* cause;
@@ -131,11 +131,11 @@ TEST_F(ClipToBoxes, EndsInOneLineWhereTheEngineCannotBeUsed) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.engine);
     const Outcome outcome =
-        track(clip, "--roi 40,30,20,20 --wait-ready --no-video --engine " + folder_.file(row.engine));
+        track(clip, "--roi 40,30,20,20 --wait-ready --no-video --engine " + folder_.path(row.engine));
     EXPECT_EQ(outcome.exit_code, 2);
     EXPECT_EQ(outcome.out, "");
     expect_last_line(outcome, std::string("tracking could not start: init_async_fail (initialize failed: ") +
-                                  row.cause + (row.names_file ? folder_.file(row.engine) : "") + ")");
+                                  row.cause + (row.names_file ? folder_.path(row.engine) : "") + ")");
   }
 }
 

@@ -5,7 +5,7 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/videoio.hpp>
 
-#include "apps/ostrel_host/temporary_folder.h"
+#include "support/temporary_folder.h"
 
 namespace {
 
@@ -19,10 +19,10 @@ void write_image(const std::string& file, int level, int channels = 3) {
 
 TEST(FrameSource, TakesTheImagesOfAFolderInTheOrderOfTheirNames) {
   const TemporaryFolder folder;
-  write_image(folder.file("0003.png"), 30);
-  write_image(folder.file("0001.PNG"), 10);
-  write_image(folder.file("0002.bmp"), 20);
-  folder.write("notes.txt", "no image");
+  write_image(folder.path("0003.png"), 30);
+  write_image(folder.path("0001.PNG"), 10);
+  write_image(folder.path("0002.bmp"), 20);
+  folder.file("notes.txt", "no image");
   const auto source = open_source(folder.path().string());
   EXPECT_EQ(source->frame_count(), 3u);
   for (const int level : {10, 20, 30}) {
@@ -36,14 +36,14 @@ TEST(FrameSource, TakesTheImagesOfAFolderInTheOrderOfTheirNames) {
 TEST(FrameSource, FindsTheImagesOfASequenceFolder) {
   const TemporaryFolder folder;
   std::filesystem::create_directory(folder.path() / "img");
-  write_image(folder.file("img/0001.jpg"), 10);
-  folder.write("groundtruth_rect.txt", "1,2,3,4\n");
+  write_image(folder.path("img/0001.jpg"), 10);
+  folder.file("groundtruth_rect.txt", "1,2,3,4\n");
   EXPECT_EQ(open_source(folder.path().string())->frame_count(), 1u);
 }
 
 TEST(FrameSource, TurnsGreyImagesIntoThreeChannels) {
   const TemporaryFolder folder;
-  write_image(folder.file("a.png"), 77, 1);
+  write_image(folder.path("a.png"), 77, 1);
   const auto frame = open_source(folder.path().string())->next();
   ASSERT_TRUE(frame);
   EXPECT_EQ(frame->image.type(), CV_8UC3);
@@ -51,9 +51,9 @@ TEST(FrameSource, TurnsGreyImagesIntoThreeChannels) {
 
 TEST(FrameSource, HandsOutADamagedImageAsAFrameWithoutPixels) {
   const TemporaryFolder folder;
-  write_image(folder.file("a.png"), 10);
-  folder.write("b.png", "not an image");
-  write_image(folder.file("c.png"), 30);
+  write_image(folder.path("a.png"), 10);
+  folder.file("b.png", "not an image");
+  write_image(folder.path("c.png"), 30);
   const auto source = open_source(folder.path().string());
   EXPECT_FALSE(source->next()->image.empty());
   const auto damaged = source->next();
@@ -65,7 +65,7 @@ TEST(FrameSource, HandsOutADamagedImageAsAFrameWithoutPixels) {
 
 TEST(FrameSource, ReadsAVideoWithTimeStampsOfItsRate) {
   const TemporaryFolder folder;
-  const std::string file = folder.file("clip.avi");
+  const std::string file = folder.path("clip.avi");
   {
     cv::VideoWriter writer(file, cv::VideoWriter::fourcc('M', 'J', 'P', 'G'), 20.0, cv::Size(64, 48));
     ASSERT_TRUE(writer.isOpened());
@@ -85,11 +85,11 @@ TEST(FrameSource, ReadsAVideoWithTimeStampsOfItsRate) {
 
 TEST(FrameSource, RefusesWhatItCannotOpenInOneLine) {
   const TemporaryFolder folder;
-  const std::string text = folder.write("text.mp4", "no video");
+  const std::string text = folder.file("text.mp4", "no video");
   const struct {
     std::string source, message;
   } rows[] = {
-      {folder.file("missing.mp4"), "no such file or folder: '" + folder.file("missing.mp4") + "'"},
+      {folder.path("missing.mp4"), "no such file or folder: '" + folder.path("missing.mp4") + "'"},
       {text, "'" + text + "' cannot be read as a video"},
       {folder.path().string(), "the folder '" + folder.path().string() + "' holds no images"},
       {"camera:", "'camera:' is no camera: camera:N with a number is needed"},

@@ -3,7 +3,7 @@
 #include <ostrel_host/plugin_configuration.h>
 
 #include "apps/ostrel_host/fake_plugin.h"
-#include "apps/ostrel_host/temporary_folder.h"
+#include "support/temporary_folder.h"
 
 namespace {
 
@@ -29,7 +29,7 @@ void obey(FakePlugin* plugin) {
 
 TEST(Configuration, LaysSettingsOverTheFile) {
   const TemporaryFolder folder;
-  const std::string file = folder.write("c.json", R"({"a":{"b":1,"c":"keep"},"d":[1,2]})");
+  const std::string file = folder.file("c.json", R"({"a":{"b":1,"c":"keep"},"d":[1,2]})");
   const json document =
       build_configuration(file, {"a/b=2.5", "e/f/g=true", "t=some text", "l=[1,2,3]", "q=\"7\""});
   EXPECT_EQ(document, (json{{"a", {{"b", 2.5}, {"c", "keep"}}},
@@ -44,9 +44,9 @@ TEST(Configuration, LaysSettingsOverTheFile) {
 
 TEST(Configuration, RefusesUnusableFilesAndSettings) {
   const TemporaryFolder folder;
-  EXPECT_THROW(build_configuration(folder.file("missing.json"), {}), BadInput);
-  EXPECT_THROW(build_configuration(folder.write("broken.json", "{\"a\":"), {}), BadInput);
-  EXPECT_THROW(build_configuration(folder.write("list.json", "[1]"), {}), BadInput);
+  EXPECT_THROW(build_configuration(folder.path("missing.json"), {}), BadInput);
+  EXPECT_THROW(build_configuration(folder.file("broken.json", "{\"a\":"), {}), BadInput);
+  EXPECT_THROW(build_configuration(folder.file("list.json", "[1]"), {}), BadInput);
   for (const char* setting : {"", "a/b", "=5", "/=5"}) {
     EXPECT_THROW(build_configuration("", {setting}), BadInput) << setting;
   }

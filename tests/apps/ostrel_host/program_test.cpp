@@ -18,7 +18,7 @@ using ostrel_test::Outcome;
 class Program : public ostrel_test::ProgramTest {
  protected:
   Outcome track(const std::string& source, const std::string& words) const {
-    return run("track " + source + " --plugin " + OSTREL_SCRIPTED_PLUGIN + " --out " + folder_.file("out") +
+    return run("track " + source + " --plugin " + OSTREL_SCRIPTED_PLUGIN + " --out " + folder_.path("out") +
                " " + words);
   }
 
@@ -46,7 +46,7 @@ TEST_F(Program, LeavesAllResultsOfAClip) {
   EXPECT_EQ(frames[6]["status"], "track_fail_hold");
   EXPECT_EQ(frames[6]["score"], 0.0);
 
-  const auto boxes = ostrel_host::read_boxes(folder_.file("out/boxes.txt"));
+  const auto boxes = ostrel_host::read_boxes(folder_.path("out/boxes.txt"));
   ASSERT_EQ(boxes.size(), 12u);
   EXPECT_EQ(boxes[0], cv::Rect2d(10, 20, 30, 40)) << "the start box until the tracker has its own";
   EXPECT_EQ(boxes[2], cv::Rect2d(12.25, 21, 30, 40));
@@ -61,7 +61,7 @@ TEST_F(Program, LeavesAllResultsOfAClip) {
   EXPECT_EQ(summary()["update_ms"]["count"], 10);
   EXPECT_TRUE(summary()["ready_ms"].is_number());
 
-  cv::VideoCapture annotated(folder_.file("out/annotated.mp4"), cv::CAP_FFMPEG);
+  cv::VideoCapture annotated(folder_.path("out/annotated.mp4"), cv::CAP_FFMPEG);
   cv::Mat image;
   int pictures = 0;
   while (annotated.read(image)) ++pictures;
@@ -100,11 +100,11 @@ TEST_F(Program, PacesFramesAndDropsNone) {
 TEST_F(Program, ScoresAgainstGroundTruth) {
   const std::string source = clip();
   const Outcome outcome =
-      track(source, "--roi 10,20,30,40 --groundtruth " + folder_.file("groundtruth_rect.txt"));
+      track(source, "--roi 10,20,30,40 --groundtruth " + folder_.path("groundtruth_rect.txt"));
   EXPECT_EQ(outcome.exit_code, 0);
   EXPECT_EQ(summary()["accuracy"]["frames"], 12);
   const Outcome score =
-      run("score " + folder_.file("out/boxes.txt") + " " + folder_.file("groundtruth_rect.txt"));
+      run("score " + folder_.path("out/boxes.txt") + " " + folder_.path("groundtruth_rect.txt"));
   EXPECT_EQ(score.exit_code, 0);
   EXPECT_NE(outcome.out.find(score.out), std::string::npos) << "one scorer serves both";
 }
@@ -112,16 +112,16 @@ TEST_F(Program, ScoresAgainstGroundTruth) {
 TEST_F(Program, GoesOnAfterAFrameOfAnotherSizeAndAnUnreadableOne) {
   for (int i = 0; i < 9; ++i) {
     const int width = i == 4 ? 60 : 80;
-    cv::imwrite(folder_.file("images_" + std::to_string(i) + ".png"),
+    cv::imwrite(folder_.path("images_" + std::to_string(i) + ".png"),
                 cv::Mat(64, width, CV_8UC3, cv::Scalar::all(i)));
   }
   std::filesystem::create_directory(folder_.path() / "images");
   for (int i = 0; i < 9; ++i) {
-    std::filesystem::rename(folder_.file("images_" + std::to_string(i) + ".png"),
-                            folder_.file("images/" + std::to_string(i) + ".png"));
+    std::filesystem::rename(folder_.path("images_" + std::to_string(i) + ".png"),
+                            folder_.path("images/" + std::to_string(i) + ".png"));
   }
-  folder_.write("images/6.png", "damaged");
-  EXPECT_EQ(track(folder_.file("images"), "--roi 10,20,30,40").exit_code, 0);
+  folder_.file("images/6.png", "damaged");
+  EXPECT_EQ(track(folder_.path("images"), "--roi 10,20,30,40").exit_code, 0);
   const auto frames = lines();
   ASSERT_EQ(frames.size(), 9u);
   EXPECT_EQ(frames[3]["status"], "track_ok");
@@ -153,14 +153,14 @@ TEST_F(Program, EndsWithTheCauseWhereTheStartUpFails) {
 TEST_F(Program, RefusesBadInputInOneLine) {
   const std::string source = clip();
   const std::string roi = " --roi 10,20,30,40 ";
-  folder_.write("empty.mp4", "");
-  folder_.write("truncated.mp4", content_of(source).substr(0, 300));
+  folder_.file("empty.mp4", "");
+  folder_.file("truncated.mp4", content_of(source).substr(0, 300));
   std::filesystem::create_directory(folder_.path() / "nothing");
   std::filesystem::create_directory(folder_.path() / "damaged");
-  folder_.write("damaged/1.png", "no image");
-  folder_.write("broken.json", "{");
-  const auto path = [&](const char* name) { return folder_.file(name); };
-  const auto quoted = [&](const char* name) { return "'" + folder_.file(name) + "'"; };
+  folder_.file("damaged/1.png", "no image");
+  folder_.file("broken.json", "{");
+  const auto path = [&](const char* name) { return folder_.path(name); };
+  const auto quoted = [&](const char* name) { return "'" + folder_.path(name) + "'"; };
   const struct {
     std::string words, message;
   } rows[] = {
@@ -196,18 +196,18 @@ TEST_F(Program, RefusesBadInputInOneLine) {
 TEST_F(Program, RefusesAMissingOrForeignPlugin) {
   const std::string words = " --roi 10,20,30,40 --plugin ";
   const std::string source = clip();
-  expect_bad_input(run("track " + source + words + folder_.file("none.so")),
-                   "no plug-in at '" + folder_.file("none.so") + "'");
-  const Outcome foreign = run("track " + source + words + folder_.write("foreign.so", "no library"));
+  expect_bad_input(run("track " + source + words + folder_.path("none.so")),
+                   "no plug-in at '" + folder_.path("none.so") + "'");
+  const Outcome foreign = run("track " + source + words + folder_.file("foreign.so", "no library"));
   EXPECT_EQ(foreign.exit_code, 2);
-  EXPECT_EQ(foreign.err.rfind("ostrel_host: '" + folder_.file("foreign.so") + "' is no plug-in: ", 0), 0u)
+  EXPECT_EQ(foreign.err.rfind("ostrel_host: '" + folder_.path("foreign.so") + "' is no plug-in: ", 0), 0u)
       << foreign.err;
 }
 
 TEST_F(Program, RefusesResultsThatCannotBeWritten) {
-  folder_.write("out", "in the way");
+  folder_.file("out", "in the way");
   expect_bad_input(track(clip(), "--roi 10,20,30,40"),
-                   "the folder '" + folder_.file("out") + "' cannot be made");
+                   "the folder '" + folder_.path("out") + "' cannot be made");
 }
 
 TEST_F(Program, ExplainsItself) {

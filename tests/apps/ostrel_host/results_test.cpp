@@ -6,7 +6,7 @@
 #include <ostrel_host/result_files.h>
 #include <ostrel_host/run_statistics.h>
 
-#include "apps/ostrel_host/temporary_folder.h"
+#include "support/temporary_folder.h"
 
 namespace {
 
@@ -41,14 +41,14 @@ TEST(ResultFiles, WriteALinePerFrameWithNullsWithoutABox) {
   files.write_frame(0, skipped());
   files.write_frame(1, tracked());
   files.write_summary({{"frames", 2}});
-  EXPECT_EQ(content_of(folder.file("a/b/boxes.jsonl")),
+  EXPECT_EQ(content_of(folder.path("a/b/boxes.jsonl")),
             "{\"frame\":0,\"x\":null,\"y\":null,\"w\":null,\"h\":null,\"score\":null,\"status\":"
             "\"update_skip_warming_up\",\"detail\":\"\",\"phase\":\"warming_up\",\"update_ms\":0.25}\n"
             "{\"frame\":1,\"x\":1,\"y\":2,\"w\":30,\"h\":40,\"score\":0.5,\"status\":\"track_ok\",\"detail\":"
             "\"ok\","
             "\"phase\":\"ready\",\"update_ms\":12.5}\n");
-  EXPECT_EQ(content_of(folder.file("a/b/boxes.txt")), "5,6,7,8\n1.25,2.5,30.125,1234.57\n");
-  EXPECT_EQ(json::parse(content_of(folder.file("a/b/summary.json")))["frames"], 2);
+  EXPECT_EQ(content_of(folder.path("a/b/boxes.txt")), "5,6,7,8\n1.25,2.5,30.125,1234.57\n");
+  EXPECT_EQ(json::parse(content_of(folder.path("a/b/summary.json")))["frames"], 2);
 }
 
 TEST(ResultFiles, KeepLinesReadableWhateverBytesADetailHolds) {
@@ -58,12 +58,12 @@ TEST(ResultFiles, KeepLinesReadableWhateverBytesADetailHolds) {
   result.state.detail = "\xff\xfe";
   files.write_frame(0, result);
   files.write_summary({{"frames", 1}});
-  EXPECT_TRUE(json::accept(content_of(folder.file("boxes.jsonl"))));
+  EXPECT_TRUE(json::accept(content_of(folder.path("boxes.jsonl"))));
 }
 
 TEST(ResultFiles, RefuseAFolderThatCannotBeMade) {
   const TemporaryFolder folder;
-  folder.write("file", "in the way");
+  folder.file("file", "in the way");
   EXPECT_THROW(ResultFiles(folder.path() / "file"), BadInput);
   EXPECT_THROW(ResultFiles(folder.path() / "file" / "below"), BadInput);
 }
@@ -134,7 +134,7 @@ TEST(Annotation, DrawsTheBoxInTheColourOfItsState) {
 
 TEST(AnnotatedVideo, TakesFramesOfOddAndChangingSizesAndMissingOnes) {
   const TemporaryFolder folder;
-  const std::string file = folder.file("annotated.mp4");
+  const std::string file = folder.path("annotated.mp4");
   {
     AnnotatedVideo video(file, cv::Size(121, 81), 25.0);
     video.write(0, tracked(), cv::Mat(81, 121, CV_8UC3, cv::Scalar::all(50)));
@@ -153,7 +153,7 @@ TEST(AnnotatedVideo, TakesFramesOfOddAndChangingSizesAndMissingOnes) {
 
 TEST(AnnotatedVideo, RefusesAPlaceThatCannotBeWritten) {
   const TemporaryFolder folder;
-  EXPECT_THROW(AnnotatedVideo(folder.file("missing/annotated.mp4"), cv::Size(32, 32), 25.0), BadInput);
+  EXPECT_THROW(AnnotatedVideo(folder.path("missing/annotated.mp4"), cv::Size(32, 32), 25.0), BadInput);
 }
 
 }  // namespace
