@@ -76,10 +76,8 @@ bool InitPipeline::start_runtime() {
 
 bool InitPipeline::cut_template_patch() {
   const StageClock clock;
-  const cv::Point_<float> center(static_cast<float>(box.x) + static_cast<float>(box.width - 1) * 0.5F,
-                                 static_cast<float>(box.y) + static_cast<float>(box.height - 1) * 0.5F);
   template_patch =
-      cut_square_patch(frame, center, static_cast<float>(box.width), static_cast<float>(box.height),
+      cut_square_patch(frame, center_of(box), static_cast<float>(box.width), static_cast<float>(box.height),
                        backend.config.search_area_factor, backend.config.search_size);
   timings.template_patch += clock.elapsed_ms();
   return !template_patch.empty() || fail("failed to sample initialization search patch",

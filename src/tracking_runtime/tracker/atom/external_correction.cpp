@@ -32,12 +32,6 @@ std::optional<float> scale_for(const cv::Size_<int>& size, const cv::Size_<float
   return scale;
 }
 
-// The centre as a start would place it.
-cv::Point_<float> centre_of(const cv::Rect_<int>& rect) {
-  return {static_cast<float>(rect.x) + static_cast<float>(rect.width - 1) * 0.5F,
-          static_cast<float>(rect.y) + static_cast<float>(rect.height - 1) * 0.5F};
-}
-
 }  // namespace
 
 const char* teleport_target(TargetState* state, const base::BBox& expected) {
@@ -46,7 +40,7 @@ const char* teleport_target(TargetState* state, const base::BBox& expected) {
   if (!frame_size_known(*state)) return "unknown_frame_size";
   const cv::Rect_<int> rect = rounded_rect_in_frame(expected, state->image_size);
   const std::optional<float> scale = scale_for(rect.size(), state->base_target_size);
-  state->apply_external_state_(centre_of(rect), scale, state->image_size, false);
+  state->apply_external_state_(center_of(rect), scale, state->image_size, false);
   state->enter_recovery_mode_();
   return kTeleportOk;
 }

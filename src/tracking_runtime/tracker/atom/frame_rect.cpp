@@ -33,6 +33,11 @@ cv::Rect_<int> rounded_rect_in_frame(const base::BBox& box, const cv::Size_<int>
       frame_size);
 }
 
+cv::Point_<float> center_of(const cv::Rect_<int>& rect) {
+  return {static_cast<float>(rect.x) + static_cast<float>(rect.width - 1) * 0.5F,
+          static_cast<float>(rect.y) + static_cast<float>(rect.height - 1) * 0.5F};
+}
+
 bool is_usable_box(const base::BBox& box) {
   return std::isfinite(box.x) && std::isfinite(box.y) && std::isfinite(box.width) &&
          std::isfinite(box.height) && box.width > 1.0F && box.height > 1.0F;

@@ -19,6 +19,9 @@ cv::Rect_<int> rounded_rect_in_frame(const base::BBox& box, const cv::Size_<int>
 /// A box of whole pixels moved and cut into the frame, sides at least 1.
 cv::Rect_<int> clamp_rect(const cv::Rect_<int>& rect, const cv::Size_<int>& frame_size);
 
+/// The middle of a box's pixels, which is where a start puts the target.
+cv::Point_<float> center_of(const cv::Rect_<int>& rect);
+
 /// All four members finite and both sides above 1: a box that can be searched for.
 bool is_usable_box(const base::BBox& box);
 

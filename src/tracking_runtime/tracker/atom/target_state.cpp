@@ -4,6 +4,7 @@
 #include <cmath>
 #include <utility>
 
+#include "tracking_runtime/tracker/atom/frame_rect.h"
 #include "tracking_runtime/tracker/atom/held.h"
 #include "tracking_runtime/tracker/atom/rounding.h"
 
@@ -48,8 +49,7 @@ void take_scale(TargetState* state, float scale) {
 TargetState::TargetState(NativeCppBackend::Config initial_config) : config(std::move(initial_config)) {}
 
 void TargetState::place_at_start_(const cv::Rect_<int>& box) {
-  target_pos = {static_cast<float>(box.x) + static_cast<float>(box.width - 1) * 0.5F,
-                static_cast<float>(box.y) + static_cast<float>(box.height - 1) * 0.5F};
+  target_pos = center_of(box);
   target_size = {static_cast<float>(box.width), static_cast<float>(box.height)};
 }
 
