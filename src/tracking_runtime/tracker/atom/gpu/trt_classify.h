@@ -43,8 +43,7 @@ struct ClassifyScratch {
 };
 
 /// Where results go, in input order: `responses[i]` a `CV_32F` map as large as the feature map; `features[i]`,
-/// where wanted, the projected sample. Both are emptied at the start. A
-/// failure may leave some of them filled.
+/// where wanted, the projected sample. Both are emptied at the start. A failure may leave some of them filled.
 struct ClassifyOutputs {
   std::vector<cv::Mat>* responses;
   std::vector<FeatureMap>* features = nullptr;  ///< may be null

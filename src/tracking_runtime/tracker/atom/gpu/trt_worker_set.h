@@ -22,8 +22,9 @@ struct TrtBackboneRequest {
 /// Writes the banner "[CudaRuntimeBackend] TRT backbone ready: ..." to standard error.
 ///
 /// Fails with the words of `find_or_load_trt_engine` and `make_trt_worker`, "failed to create TensorRT parallel
-/// worker", or those of `trt_initialisation_failure` for an exception; none leaves. Before the first worker is
-/// replaced a failure changes nothing; after it `primary` is null.
+/// worker", or those of `trt_initialisation_failure` for an exception; none leaves. An engine that cannot be
+/// loaded changes no worker; every other failure, and an exception at any step, leaves `primary` null. The
+/// further workers of an earlier start go once the new primary stands, or with a further worker that fails.
 bool make_trt_workers(const TrtBackboneRequest& request, std::unique_ptr<TrtBackbone>* primary,
                       std::vector<std::unique_ptr<TrtBackbone>>* further, std::string* error);
 
