@@ -30,12 +30,7 @@ bool InitPipeline::gather_raw_items() {
   }
   items.push_back({template_feature, backend.target_pos});
   add_augmented_items();
-
-  reason.clear();
-  if (!ensure_template_feature(&reason)) {
-    return fail_untraced(reason.empty() ? "failed to build host dropout samples" : reason);
-  }
-  add_dropout_items();
+  if (!add_dropout_items()) return false;
   std::fprintf(stderr, "[CudaRuntimeBackend] init stage=aug_raw count=%zu\n", items.size());
   return true;
 }
@@ -73,12 +68,17 @@ void InitPipeline::add_items_one_by_one() {
   }
 }
 
-void InitPipeline::add_dropout_items() {
+bool InitPipeline::add_dropout_items() {
+  std::string reason;
+  if (!ensure_template_feature(&reason)) {
+    return fail_untraced(reason.empty() ? "failed to build host dropout samples" : reason);
+  }
   const StageClock clock;
   for (int i = 0; i < kInitDropoutSamples; ++i) {
     items.push_back({dropout_feature(template_feature, augmented.dropout_masks, i), backend.target_pos});
   }
   timings.host_dropout += clock.elapsed_ms();
+  return true;
 }
 
 bool InitPipeline::make_labels() {

@@ -53,7 +53,7 @@ class InitPipeline {
   bool gather_raw_items();
   void add_augmented_items();
   void add_items_one_by_one();
-  void add_dropout_items();
+  bool add_dropout_items();
   bool make_labels();
   bool keep_template_only();
   void project_items();

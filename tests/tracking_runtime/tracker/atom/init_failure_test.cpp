@@ -120,6 +120,14 @@ TEST_F(TrackingStartFailure, NeedsTheTemplateOnTheHostPathToo) {
       "failed to extract template feature", "failed_to_extract_template_feature", kNoBox);
 }
 
+TEST_F(TrackingStartFailure, NeedsTheTemplateForDropoutsAndTracesNothing) {
+  InitPipeline pipeline(&backend(), frame, kBox, &error);
+  InitPipelineTestAccess access(&pipeline);
+  EXPECT_FALSE(access.add_dropout_items());
+  EXPECT_EQ(error, "TensorRT backbone is not ready");
+  EXPECT_THAT(trace_lines(), IsEmpty());
+}
+
 TEST_F(TrackingStartFailure, TracesTheFinalisationWhenTheTemplateAloneFailsToo) {
   expect_step_failure([](InitPipelineTestAccess& access) { return access.train_first_filter(); },
                       "TensorRT backbone is not ready", "failed to initialize non-Torch training memory",
@@ -139,11 +147,42 @@ TEST_F(TrackingStartFailure, CannotFallBackToATemplateThatDoesNotProject) {
       "30\t20\t16\t12");
 }
 
+TEST_F(TrackingStartFailure, CannotFallBackWithoutAMemory) {
+  config.use_projection_matrix = false;
+  expect_step_failure(
+      [](InitPipelineTestAccess& access) {
+        access.set_template({2, 1, 1, 1, {1.0F, 2.0F}});
+        return access.train_first_filter();
+      },
+      "failed to initialize template-only training memory", "failed to initialize non-Torch training memory",
+      "30\t20\t16\t12");
+}
+
 TEST_F(TrackingStartFailure, CannotFallBackWithoutATrainer) {
   ostrel::host_cuda::fail_every_call("compute_weighted_residual_grad_kernel", cudaErrorLaunchFailure);
   expect_failure(frame, {90, -4, 16, 12}, "failed to optimize template-only classifier",
                  "failed to optimize initial classifier", "80\t0\t16\t12");
   EXPECT_EQ(memory().num_stored_samples, 1);
+  EXPECT_EQ(state().target_pos, cv::Point_<float>(97.5F, 1.5F)) << "the attempt stays behind";
+  EXPECT_EQ(state().target_size, cv::Size_<float>(16.0F, 12.0F));
+  EXPECT_FALSE(weights().projection_matrix.empty());
+  EXPECT_FALSE(weights().filter_weights.empty());
+}
+
+TEST_F(TrackingStartFailure, ResetsTheRunBeforeItChecksTheImage) {
+  Access::training_in_flight(backend()) = true;
+  Access::active_training_job(backend()) = 4;
+  state().recovery_active = true;
+  state().recovery_confirm_count = 2;
+  state().recovery_frame_count = 3;
+  state().scale_kalman_seeded = true;
+  EXPECT_FALSE(start(cv::Mat(), kBox, &error));
+  EXPECT_FALSE(Access::training_in_flight(backend()));
+  EXPECT_EQ(Access::active_training_job(backend()), 0);
+  EXPECT_FALSE(state().recovery_active);
+  EXPECT_EQ(state().recovery_confirm_count, 0);
+  EXPECT_EQ(state().recovery_frame_count, 0);
+  EXPECT_FALSE(state().scale_kalman_seeded);
 }
 
 TEST_F(TrackingStartFailure, StartsAfterAFailureHasGone) {

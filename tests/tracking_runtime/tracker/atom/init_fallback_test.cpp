@@ -38,7 +38,7 @@ TEST_F(TrackingStartFallback, StaysSilentWhileTheBatchFindsItsOwnWay) {
 TEST_F(TrackingStartFallback, LeavesOutThePatchesThatFail) {
   fail_run(2);
   fail_run(3);
-  fail_run(3 + 2);  // one by one from run 4 on: the mirror and the last rotation are patches 3 and 6
+  fail_run(3 + 2);  // one by one from run 4 on: second shift, mirror and last rotation are patches 2, 3 and 6
   fail_run(3 + 3);
   fail_run(3 + 6);
   ASSERT_TRUE(start()) << error;
@@ -79,7 +79,7 @@ TEST_F(TrackingStartFallback, TakesTheTimeOfTheFallback) {
   EXPECT_GT(t.template_only, 0.0);
 }
 
-TEST_F(TrackingStartFallback, TakesTheTemplatesLabelForWhatHasNone) {
+TEST_F(TrackingStartFallback, KeepsTheTemplateAloneWhenNoLabelCanBeBuilt) {
   ASSERT_TRUE(start()) << error;
   InitPipeline pipeline(&backend(), frame, kBox, &error);
   InitPipelineTestAccess access(&pipeline);

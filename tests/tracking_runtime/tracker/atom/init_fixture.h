@@ -37,7 +37,7 @@ struct InitPipelineTestAccess {
   bool set_up_filter() { return steps.set_up_filter(); }
   bool gather_raw_items() { return steps.gather_raw_items(); }
   bool make_labels() { return steps.make_labels(); }
-  void add_dropout_items() { steps.add_dropout_items(); }
+  bool add_dropout_items() { return steps.add_dropout_items(); }
   void project_items() { steps.project_items(); }
   bool train_first_filter() { return steps.train_first_filter(); }
 

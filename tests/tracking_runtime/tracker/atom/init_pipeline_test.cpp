@@ -102,7 +102,7 @@ TEST_F(TrackingStart, GivesEachDropoutSampleItsOwnMask) {
   InitPipelineTestAccess access(&pipeline);
   access.set_template({1, 2, 1, 1, {4.0F, 8.0F}});
   access.set_dropout_masks({1.25F, 0.0F, 0.0F, 1.25F});
-  access.add_dropout_items();
+  ASSERT_TRUE(access.add_dropout_items());
   ASSERT_EQ(access.item_count(), 2u);
   EXPECT_EQ(access.item(0).data, (std::vector<float>{5.0F, 0.0F}));
   EXPECT_EQ(access.item(1).data, (std::vector<float>{0.0F, 10.0F}));
