@@ -164,6 +164,12 @@ class ClassifyTest : public EngineTest {
   atom::GpuTrackTimings timings;
 };
 
+inline std::string joined(const std::vector<std::string>& names) {
+  std::string line;
+  for (const std::string& name : names) line += (line.empty() ? "" : " ") + name;
+  return line;
+}
+
 inline StridedEngine engine_of_batch(int batch) {
   StridedEngine engine;
   engine.batch = batch;

@@ -1,4 +1,8 @@
 // The engine as the backend uses it: loaded once, fed by patches and by the picture library.
+#include <atomic>
+#include <chrono>
+#include <thread>
+
 #include "classify_fixture.h"
 #include "support/backend_test_access.h"
 #include "tracking_runtime/parameter/atom/resnet18.h"
@@ -129,11 +133,44 @@ TEST_F(BackendEngine, TakesTheProjectionFromTheSettings) {
 TEST_F(BackendEngine, HoldsTheStateLockForTheCopyOfTheWeightsOnly) {
   const auto backend = backend_on(write_engine(engine));
   ASSERT_TRUE(initialize(*backend)) << error;
+  // One network per patch: whoever gets the lock in mid-call finds some of them queued and others not.
+  constexpr std::int64_t kNetworks = 64;
+  const std::vector<cv::Mat> patches = random_patches(kNetworks);
+  host_cuda::reset_counters();
+  std::atomic<bool> in_mid_call{false};
+  std::atomic<bool> stop{false};
+  std::thread other([&] {
+    while (!stop && !in_mid_call) {
+      const std::lock_guard<std::mutex> lock(Access::state_mutex(*backend));
+      if (host_cuda::counters().enqueued["enqueueV3"] % kNetworks != 0) in_mid_call = true;
+    }
+  });
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   std::vector<cv::Mat> responses;
-  ASSERT_TRUE(
-      Access::classify_patches_on_gpu(*backend, random_patches(1), &responses, nullptr, nullptr, &error));
-  const std::unique_lock<std::mutex> lock(Access::state_mutex(*backend), std::try_to_lock);
-  EXPECT_TRUE(lock.owns_lock());
+  while (!in_mid_call && std::chrono::steady_clock::now() < deadline) {
+    EXPECT_TRUE(Access::classify_patches_on_gpu(*backend, patches, &responses, nullptr, nullptr, &error));
+  }
+  stop = true;
+  other.join();
+  EXPECT_TRUE(in_mid_call);
+}
+
+TEST_F(BackendEngine, CopiesTheWeightsUnderTheStateLock) {
+  const auto backend = backend_on(write_engine(engine));
+  ASSERT_TRUE(initialize(*backend)) << error;
+  host_cuda::reset_counters();
+  std::unique_lock<std::mutex> lock(Access::state_mutex(*backend));
+  std::vector<cv::Mat> responses;
+  bool classified = false;
+  std::thread other([&] {
+    classified =
+        Access::classify_patches_on_gpu(*backend, random_patches(1), &responses, nullptr, nullptr, &error);
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(host_cuda::counters().enqueued["enqueueV3"], 0);
+  lock.unlock();
+  other.join();
+  EXPECT_TRUE(classified) << error;
 }
 
 }  // namespace

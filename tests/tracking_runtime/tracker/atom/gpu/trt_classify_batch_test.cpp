@@ -85,6 +85,37 @@ TEST_F(ClassifyTensorBatch, ReadsTheBatchInPlaceAndWaitsOnceForTheResponsesAndOn
   EXPECT_EQ(counters.calls_of("cudaStreamWaitEvent"), 0) << "no ready event, nothing to wait for";
 }
 
+TEST_F(ClassifyTensorBatch, RefreshesTheWeightsBeforeItQueuesTheNetwork) {
+  ASSERT_TRUE(start(StridedEngine{}, 1));
+  DeviceBatch device(random_patches(1));
+  ASSERT_TRUE(classify_batch(device.batch)) << error;
+  atom::CudaEvent ready;
+  ASSERT_EQ(ready.create_with_flags(cudaEventDisableTiming), cudaSuccess);
+  device.batch.ready_event = ready.get();
+  weights.filter_version = 2;
+  // The trace notes a network as the call and as its work, a shape by call and by tensor.
+  const char* const expected =
+      "setInputShape getTensorShape getTensorShape(input) setTensorAddress cudaStreamWaitEvent "
+      "getTensorShape getTensorShape(coarse) cudaMemcpy cudaMemcpy "
+      "cudaEventRecord enqueueV3 enqueueV3 project_features_kernel classify_kernel cudaEventRecord "
+      "cudaEventRecord cudaMemcpyAsync cudaEventRecord cudaStreamSynchronize "
+      "cudaEventRecord cudaMemcpyAsync cudaEventRecord cudaStreamSynchronize "
+      "cudaEventElapsedTime cudaEventElapsedTime cudaEventElapsedTime";
+  host_cuda::start_trace();
+  EXPECT_TRUE(classify_batch(device.batch)) << error;
+  EXPECT_EQ(joined(host_cuda::stop_trace()), expected);
+}
+
+TEST_F(ClassifyTensorBatch, SizesTheClassifierForItsLargestBatchAtOnce) {
+  ASSERT_TRUE(start(StridedEngine{}, 3));
+  ASSERT_TRUE(classify_batch(random_patches(1))) << error;
+  const DeviceBatch device(random_patches(3));
+  host_cuda::reset_counters();
+  ASSERT_TRUE(classify_batch(device.batch)) << error;
+  EXPECT_EQ(host_cuda::counters().calls_of("cudaMalloc"), 0);
+  EXPECT_EQ(host_cuda::counters().calls_of("cudaMallocHost"), 0);
+}
+
 TEST_F(ClassifyTensorBatch, CopiesNoSampleWhereNoneIsWanted) {
   ASSERT_TRUE(start(StridedEngine{}, 2));
   const DeviceBatch device(random_patches(2));
