@@ -2,12 +2,15 @@
 
 #include <gtest/gtest.h>
 #include <rcutils/logging.h>
+#include <regex.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <mutex>
-#include <regex>
+#include <utility>
 
 namespace ostrel_test {
 namespace {
@@ -93,18 +96,27 @@ void RecordedLog::clear() {
 }
 
 bool readsLike(const std::string& text, const std::string& pattern) {
-  static const std::regex special(R"([.^$|()\[\]{}*+?\\])");
-  std::string expression = std::regex_replace(pattern, special, R"(\$&)");
-  const auto put = [&expression](const std::string& mark, const std::string& meaning) {
-    for (auto at = expression.find(mark); at != std::string::npos; at = expression.find(mark)) {
-      expression.replace(at, mark.size(), meaning);
+  static const std::pair<std::string, std::string> marks[] = {
+      {"<n>", "-?[0-9]+"}, {"<f>", "-?[0-9]+[.][0-9]{3}"}, {"<p>", "0x[0-9a-f]+"}, {"<*>", ".*"}};
+  std::string expression = "^";
+  for (std::size_t at = 0; at < pattern.size();) {
+    const auto mark = std::find_if(std::begin(marks), std::end(marks), [&](const auto& each) {
+      return pattern.compare(at, each.first.size(), each.first) == 0;
+    });
+    if (mark != std::end(marks)) {
+      expression += mark->second;
+      at += mark->first.size();
+      continue;
     }
-  };
-  put("<n>", "-?[0-9]+");
-  put("<f>", R"(-?[0-9]+\.[0-9]{3})");
-  put("<p>", "(0x[0-9a-f]+)");
-  put(R"(<\*>)", ".*");
-  return std::regex_match(text, std::regex(expression));
+    if (std::strchr(".^$|()[]{}*+?\\", pattern[at]) != nullptr) expression += '\\';
+    expression += pattern[at++];
+  }
+  expression += '$';
+  regex_t compiled;
+  if (regcomp(&compiled, expression.c_str(), REG_EXTENDED | REG_NOSUB) != 0) return false;
+  const bool matches = regexec(&compiled, text.c_str(), 0, nullptr, 0) == 0;
+  regfree(&compiled);
+  return matches;
 }
 
 }  // namespace ostrel_test
