@@ -103,7 +103,8 @@ OstrelAlgo::AsyncInitResult OstrelAlgo::prepareResult_(const AsyncInitRequest& r
   return result;
 }
 
-// Runs on the worker's thread. What it throws reaches the poll through the future.
+// Runs on the worker's thread and owns its request. What it throws reaches the poll through the future.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 OstrelAlgo::AsyncInitResult OstrelAlgo::runInitWorker_(AsyncInitRequest request) {
   const std::uint64_t started_ns = steadyNowNs();
   AsyncInitResult result = prepareResult_(request);
