@@ -182,6 +182,7 @@ TEST_F(ProjectionClassifier, NamesEachFailedLaunchAndKeepsTheLastBatch) {
     EXPECT_EQ(error_, fault.text());
     EXPECT_EQ(classifier_.last_batch(), 2);
   }
+  stream_.wait();  // weights must not change under a running classification
   ASSERT_TRUE(ensure(shape_.channels) && classifier_.upload_weights({}, false, shape_.channels,
                                                                     shape_.channels, filter_, 4, 4, &error_));
   host::fail_call("cudaMemcpyAsync", 1, cudaErrorUnknown);
