@@ -1,7 +1,6 @@
 #include <limits>
 
 #include "ostrel_plugin/algo_fixture.h"
-#include "ostrel_plugin/src/steady_clock.h"
 
 namespace ostrel_test {
 namespace {
@@ -9,7 +8,6 @@ namespace {
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Not;
 
 class AlgoZoom : public AlgoTest {
  protected:
@@ -122,103 +120,6 @@ TEST(ZoomFactor, NeedsFourUsableFieldsOfViewAndAUsableResult) {
   }
   EXPECT_FALSE(Access::zoomFactor(2e-6, 2e-6, 40, 40));        // a product below the guard
   EXPECT_FALSE(Access::zoomFactor(1e300, 1e300, 2e-6, 2e-6));  // not finite
-}
-
-class AlgoLiveness : public AlgoTest {};
-
-TEST_F(AlgoLiveness, DiesAfterTheTimeoutAndStaysDeadWhileItTracksOn) {
-  startTracking();
-  Access::lastTrackOkNs(*algo) = 1;
-  script([](FakeBackendScript& backend) { backend.track.ok = false; });
-  algo->enableDebug(true);
-  const RecordedLog log;
-  EXPECT_EQ(update(makePicture()).size(), 1U);  // the held box is still published
-  EXPECT_FALSE(algo->isAlive());
-  EXPECT_EQ(property().at("alive"), false);
-  EXPECT_EQ(phase(), "ready");
-  EXPECT_EQ(status(), "tracking_dead_timeout");
-  EXPECT_TRUE(readsLike(detail(), "elapsed_s=<*> timeout_s=10 last_status=track_fail_hold")) << detail();
-  EXPECT_THAT(log.warnings(),
-              Contains(ReadsLike("[TRACK_FLOW][OT] tracking_declared_dead steady_ns=<n> elapsed_s=<f> "
-                                 "timeout_s=10.000 last_status=track_fail_hold")));
-  script([](FakeBackendScript& backend) { backend.track.ok = true; });
-  EXPECT_EQ(update(makePicture()).size(), 1U);
-  EXPECT_EQ(status(), "track_ok");
-  EXPECT_FALSE(algo->isAlive());
-  init(makePicture(), {8, 8, 20, 16});
-  EXPECT_TRUE(algo->isAlive());
-}
-
-TEST_F(AlgoLiveness, IsNotStrictAboutTheTimeout) {
-  startTracking();
-  Access::lastTrackOkNs(*algo) = 1'000'000'000;
-  Access::markDead(*algo, 10'999'999'999);
-  EXPECT_TRUE(algo->isAlive());
-  Access::markDead(*algo, 11'000'000'000);
-  EXPECT_FALSE(algo->isAlive());
-  EXPECT_EQ(detail(), "elapsed_s=10 timeout_s=10 last_status=track_ok");
-}
-
-TEST_F(AlgoLiveness, StaysQuietOnceDead) {
-  startTracking();
-  Access::lastTrackOkNs(*algo) = 1;
-  Access::markDead(*algo, 11'000'000'000);
-  Access::setStatus(*algo, "other", "");
-  Access::markDead(*algo, 99'000'000'000);
-  EXPECT_EQ(status(), "other");
-}
-
-TEST_F(AlgoLiveness, HasNoTimeoutAtZeroAndNoneBeforeArming) {
-  startTracking();
-  Access::lastTrackOkNs(*algo) = 1;
-  config().dead_timeout_s = 0.0F;
-  Access::markDead(*algo, 99'000'000'000);
-  EXPECT_TRUE(algo->isAlive());
-  config().dead_timeout_s = 10.0F;
-  Access::armed(*algo) = false;
-  Access::markDead(*algo, 99'000'000'000);
-  EXPECT_TRUE(algo->isAlive());
-}
-
-TEST_F(AlgoLiveness, CountsFromTheFirstCheckWhenNothingHasSetTheTime) {
-  startTracking();
-  Access::lastTrackOkNs(*algo) = 0;
-  Access::markDead(*algo, 99'000'000'000);
-  EXPECT_TRUE(algo->isAlive());
-  EXPECT_EQ(Access::lastTrackOkNs(*algo), 99'000'000'000U);
-}
-
-TEST_F(AlgoLiveness, ReadsTheClockItselfForATimeOfZero) {
-  startTracking();
-  const auto before = ostrel_algo_internal::steadyNowNs();
-  Access::refreshLiveness(*algo, 0);
-  EXPECT_GE(Access::lastTrackOkNs(*algo), before);
-  Access::refreshLiveness(*algo, 7);
-  EXPECT_EQ(Access::lastTrackOkNs(*algo), 7U);
-  Access::markDead(*algo, 0);
-  EXPECT_FALSE(algo->isAlive());
-}
-
-TEST_F(AlgoLiveness, IsRefreshedByAGoodFrameAlone) {
-  startTracking();
-  Access::lastTrackOkNs(*algo) = ostrel_algo_internal::steadyNowNs() - 5'000'000'000;
-  const auto old = Access::lastTrackOkNs(*algo);
-  script([](FakeBackendScript& backend) { backend.track.ok = false; });
-  update(makePicture());
-  update(nullptr);
-  EXPECT_EQ(Access::lastTrackOkNs(*algo), old);
-  EXPECT_GT(property().at("track_idle_ms").get<double>(), 4999.0);
-  script([](FakeBackendScript& backend) { backend.track.ok = true; });
-  update(makePicture());
-  EXPECT_GT(Access::lastTrackOkNs(*algo), old);
-  EXPECT_LT(property().at("track_idle_ms").get<double>(), 4999.0);
-}
-
-TEST_F(AlgoLiveness, IsSetByTheInstallation) {
-  warmUp();
-  EXPECT_EQ(Access::lastTrackOkNs(*algo), 0U);
-  update(nullptr);  // installs, tracks nothing
-  EXPECT_NE(Access::lastTrackOkNs(*algo), 0U);
 }
 
 }  // namespace
