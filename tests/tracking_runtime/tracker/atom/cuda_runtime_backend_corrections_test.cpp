@@ -174,7 +174,7 @@ TEST_F(Corrections, KeepTheScaleAtATeleportWithoutABaseSize) {
 
 TEST_F(Corrections, TakeTheSideItselfWhereTheBaseIsAPixelOrLess) {
   state().config.max_ratio_from_initial_size = 100.0F;
-  for (const float side : {0.5F, 1.0F}) {
+  for (const float side : {0.5F, 0.75F, 1.0F}) {
     state().base_target_size = {side, 10.0F};
     EXPECT_TRUE(teleport({40.0F, 30.0F, 4.0F, 10.0F}));
     EXPECT_FLOAT_EQ(state().target_scale, 2.0F);
