@@ -89,6 +89,8 @@ TEST_F(AlgoAlignment, AllowsFivePercentOfTheFieldOfViewOnEitherAxis) {
   update(view(0, -2.1, 40, 40));
   EXPECT_EQ(status(), "wait_alignment");
   EXPECT_EQ(update(view(2.0, -2.0, 40, 40)).size(), 1U);  // exactly five percent
+  EXPECT_EQ(asked().expected.x, 35.0F);  // the view went past the target, which now lies left of the centre
+  EXPECT_EQ(asked().expected.y, 26.0F);  // and above it
 }
 
 TEST_F(AlgoAlignment, GoesTheShorterWayRoundInPanAndNotInTilt) {
@@ -114,6 +116,73 @@ TEST_F(AlgoAlignment, DoublesTheExpectedBoxWhenTheViewNarrowsToAHalf) {
   EXPECT_FLOAT_EQ(asked().expected.width, 40.0F);
   EXPECT_FLOAT_EQ(asked().expected.x, 30.0F);
   EXPECT_EQ(Access::zoomReference(*algo), std::make_pair(20.0, 15.0));
+  EXPECT_THAT(asked().calls, testing::ElementsAre("initialize", "teleport", "track_view"));  // no zoom step
+}
+
+TEST_F(AlgoAlignment, RaisesTheExpectedBoxToOnePixelBeforeItIsLimited) {
+  algo->enableDebug(true);
+  warmUp(view(0, 0, 40, 30), {40, 30, 20, 20});
+  const RecordedLog log;
+  update(view(0, 0, 1000, 750));
+  EXPECT_FLOAT_EQ(asked().expected.width, 8.0F);
+  EXPECT_THAT(log.console(), Contains("preposition_expected_bbox_clamped raw=(1.00,1.00) "
+                                      "clamped=(8.00,8.00) ref=(20,20) scale_limits=[0.400,2.500]"));
+}
+
+TEST_F(AlgoAlignment, RoundsTheExpectedBoxHalfAwayFromZero) {
+  warmUp(view(0, 0, 40, 30), {42, 33, 15, 13});
+  update(view(Access::target(*algo).first, Access::target(*algo).second, 16, 12));
+  EXPECT_FLOAT_EQ(asked().expected.width, 38.0F);   // 37.5
+  EXPECT_FLOAT_EQ(asked().expected.height, 33.0F);  // 32.5
+  EXPECT_FLOAT_EQ(asked().expected.x, 31.0F);       // 50 - 18.75
+  EXPECT_FLOAT_EQ(asked().expected.y, 24.0F);       // 40 - 16.25
+}
+
+TEST_F(AlgoAlignment, FitsTheExpectedBoxIntoTheFrame) {
+  warmUp(view(0, 0, 40, 40), {0, 0, 80, 40});
+  const auto target = Access::target(*algo);
+  update(view(target.first - 0.8, target.second, 20, 20));
+  EXPECT_FLOAT_EQ(asked().expected.x, 0.0F);
+  EXPECT_FLOAT_EQ(asked().expected.width, 100.0F);  // 160 pixels do not fit
+  EXPECT_FLOAT_EQ(asked().expected.height, 80.0F);
+}
+
+TEST_F(AlgoAlignment, WritesTheDistanceInSixDigits) {
+  warmUp(view(0, 0, 30, 30), {40, 30, 20, 20});
+  update(view(-10, 0, 30, 30));
+  EXPECT_EQ(detail(), "dx_norm=0.333333 dy_norm=0");
+  update(view(0, 50'000'000, 30, 30));
+  EXPECT_EQ(detail(), "dx_norm=0 dy_norm=1.66667e+06");
+  update(view(-170.00001, 0, 30, 30));
+  EXPECT_EQ(detail(), "dx_norm=5.66667 dy_norm=0");
+}
+
+TEST_F(AlgoAlignment, LogsTheMoveBeforeTheWordAndTheDistancesWithTheirSigns) {
+  warmUp(view(0, 0, 40, 40), {40, 30, 20, 20});
+  algo->enableDebug(true);
+  const RecordedLog log;
+  update(view(1, 0.5, 40, 40));
+  EXPECT_THAT(
+      log.infos(),
+      testing::ElementsAre(
+          ReadsLike("[TRACK_FLOW][OT] init_worker_result <*> tracking_armed=0"),
+          ReadsLike("[TRACK_FLOW][OT] runtime_status <*> status=init_ok <*>"),
+          ReadsLike("[TRACK_FLOW][OT] tracking_armed steady_ns=<n> pic_ptr=<p> pic_ts=77 "
+                    "bbox_full=[38,31,20,20] dx_norm=-0.02500 dy_norm=0.01250 hfov=40.000 vfov=40.000"),
+          ReadsLike("[TRACK_FLOW][OT] runtime_status <*> status=teleport_ok detail=-")));
+}
+
+TEST_F(AlgoAlignment, SaysNothingWithoutDebugging) {
+  const RecordedLog log;
+  warmUp(view(0, 0, 40, 30), {40, 30, 20, 20});
+  script([](FakeBackendScript& backend) { backend.teleport.ok = false; });
+  update(view(0, 0, 10, 15));
+  EXPECT_EQ(status(), "teleport_failed");
+  script([](FakeBackendScript& backend) { backend.teleport.ok = true; });
+  update(view(0, 0, 10, 15));
+  EXPECT_EQ(phase(), "ready");
+  EXPECT_THAT(log.infos(), IsEmpty());
+  EXPECT_EQ(log.consoleText(), "");
 }
 
 TEST_F(AlgoAlignment, LimitsTheExpectedBoxByTheScaleSettings) {
@@ -161,6 +230,9 @@ TEST_F(AlgoAlignment, TriesAgainAfterARefusedMove) {
   EXPECT_EQ(status(), "teleport_failed");
   EXPECT_EQ(detail(), "no state");
   EXPECT_EQ(phase(), "waiting_alignment");
+  EXPECT_EQ(property().at("bbox"), nlohmann::json({65, 10, 20, 20}));
+  EXPECT_FALSE(Access::armed(*algo));
+  EXPECT_FALSE(Access::haveZoomReference(*algo));
   EXPECT_THAT(log.infos(),
               Contains(ReadsLike("[TRACK_FLOW][OT] teleport_failed steady_ns=<n> pic_ptr=<p> pic_ts=77 "
                                  "bbox_full=[40,30,20,20] bbox_proc=[40,30,20,20] status=no state")));
@@ -237,6 +309,25 @@ TEST(ViewGeometry, LeavesWhatItReadBeforeTheFirstMissingValue) {
   EXPECT_EQ(pan, 190);
   EXPECT_EQ(tilt, 2);
   EXPECT_EQ(hfov, 9);
+}
+
+TEST(ViewGeometry, ReadsInOrderPanFirst) {
+  double pan = 9, tilt = 9, hfov = 9, vfov = 9;
+  Metadata metadata = makeView(190, 2, 40, 30);
+  metadata.erase("tilt_deg");
+  EXPECT_FALSE(Access::readView(metadata, pan, tilt, hfov, vfov));
+  EXPECT_EQ(pan, 190);  // not wrapped yet
+  EXPECT_EQ(tilt, 9);
+  EXPECT_EQ(hfov, 9);
+  EXPECT_EQ(vfov, 9);
+}
+
+TEST(ViewGeometry, LeavesAViewWithoutSizeInItsOutputs) {
+  double pan = 9, tilt = 9, hfov = 9, vfov = 9;
+  EXPECT_FALSE(Access::readView(makeView(190, 2, -40, 30), pan, tilt, hfov, vfov));
+  EXPECT_EQ(pan, -170);
+  EXPECT_EQ(hfov, -40);
+  EXPECT_EQ(vfov, 30);
 }
 
 TEST(PrepositionTarget, MapsTheFieldOfViewLinearly) {

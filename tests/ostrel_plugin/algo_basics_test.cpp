@@ -1,7 +1,9 @@
+#include <algorithm>
 #include <thread>
 
 #include "ostrel_plugin/algo_fixture.h"
 #include "ostrel_plugin/src/ostrel_config_io.h"
+#include "ostrel_plugin/src/property_json.h"
 #include "support/grouping_locale.h"
 
 namespace ostrel_test {
@@ -48,13 +50,70 @@ TEST_F(AlgoBasics, IgnoresTheArgumentOfProperty) {
 
 TEST_F(AlgoBasics, WritesNumbersWithSixDigitsWhateverTheLocale) {
   const GroupingLocale grouping;
-  Access::resizeScale(*algo) = 0.7F;
-  config().dead_timeout_s = 1234567.0F;
-  Access::bbox(*algo) = {1234567, 0, 0, 0};
+  const PicturePtr wide = optrix::OptrixPicture::withoutPixels(1234567, 2000000);
+  script([](FakeBackendScript& backend) {
+    backend.track.bbox = {0.00001234F, 2.0F / 3.0F, 12.3456789F, 20.0F};
+    backend.track.score = 0.7F;
+  });
+  startTracking();
+  update(wide);
   const std::string text = algo->property("");
-  EXPECT_THAT(text, testing::HasSubstr("\"resize_scale\":0.7,"));
-  EXPECT_THAT(text, testing::HasSubstr("\"tracking_dead_timeout_s\":1.23457e+06,"));
-  EXPECT_THAT(text, testing::HasSubstr("\"bbox\":[1234567,0,0,0]"));
+  EXPECT_THAT(text, testing::HasSubstr("\"raw_bbox\":[1.234e-05,0.666667,12.3457,20],\"raw_score\":0.7,"));
+  EXPECT_THAT(text, testing::HasSubstr("\"score\":0.7,\"bbox\":[0,1,12,20],"));
+  EXPECT_THAT(text, testing::HasSubstr("\"source_width\":1234567,\"source_height\":2000000,"));
+  init(wide, {1000001, 1, 1234567, 5});
+  EXPECT_THAT(algo->property(""), testing::HasSubstr("\"bbox\":[1000001,1,234566,5]"));
+}
+
+TEST_F(AlgoBasics, WritesFloatsOfAMillionAndMoreWithAnExponent) {
+  const PicturePtr wide = optrix::OptrixPicture::withoutPixels(2000000, 2000000);
+  startTracking();
+  Access::inverseScaleX(*algo) = 100000.0F;
+  script([](FakeBackendScript& backend) { backend.track.bbox = {1.0F, 2.0F, 12.34567F, 20.0F}; });
+  update(wide);
+  EXPECT_THAT(algo->property(""), testing::HasSubstr("\"raw_bbox\":[100000,2,1.23457e+06,20]"));
+}
+
+bool isOfType(const nlohmann::ordered_json& value, const nlohmann::ordered_json& described) {
+  const std::string type = described.at("type");
+  if (type == "boolean") return value.is_boolean();
+  if (type == "string") return value.is_string();
+  if (type == "number") return value.is_number();
+  if (type == "integer") return value.is_number_integer();
+  if (type != "array") return type == "object" && value.is_object();
+  return value.is_array() && value.size() == described.at("minItems") &&
+         value.size() == described.at("maxItems") &&
+         std::all_of(value.begin(), value.end(),
+                     [&](const auto& item) { return isOfType(item, described.at("items")); });
+}
+
+void expectDescribedInOrder(const nlohmann::ordered_json& shown, const nlohmann::ordered_json& schema) {
+  EXPECT_EQ(schema.at("additionalProperties"), false);
+  const auto& described = schema.at("properties");
+  ASSERT_EQ(shown.size(), described.size());
+  auto next = described.items().begin();
+  for (const auto& [key, value] : shown.items()) {
+    EXPECT_EQ(key, next.key());
+    EXPECT_TRUE(isOfType(value, next.value())) << key << " is " << value;
+    ++next;
+  }
+}
+
+TEST_F(AlgoBasics, ShowsWhatItsSchemaDescribesInTheSameOrder) {
+  const auto schema = nlohmann::ordered_json::parse(algo->getPropertyList());
+  const auto expect_described = [&] {
+    const auto shown = nlohmann::ordered_json::parse(algo->property(""));
+    expectDescribedInOrder(shown, schema);
+    expectDescribedInOrder(shown.at("stats"), schema.at("properties").at("stats"));
+  };
+  expect_described();
+  startTracking();
+  expect_described();
+}
+
+TEST_F(AlgoBasics, WritesItsPropertiesWithoutWhiteSpace) {
+  startTracking();
+  EXPECT_EQ(algo->property("").find_first_of(" \n\t"), std::string::npos);
 }
 
 TEST_F(AlgoBasics, EscapesStatusAndDetail) {
@@ -66,12 +125,11 @@ TEST_F(AlgoBasics, EscapesStatusAndDetail) {
 TEST_F(AlgoBasics, ListsItsPropertiesAndSettingsAsConstantTexts) {
   const std::string settings = algo->getConfigList();
   EXPECT_EQ(settings, ostrel_cfg::schema());
-  const auto listed = nlohmann::json::parse(algo->getPropertyList()).at("properties");
-  const auto shown = property();
-  EXPECT_EQ(listed.size(), shown.size());
-  for (const auto& [key, value] : shown.items()) EXPECT_TRUE(listed.contains(key)) << key;
-  algo->setConfig("{}");
+  const std::string listed = algo->getPropertyList();
+  EXPECT_EQ(listed, ostrel_algo_internal::propertySchema());
+  startTracking();
   EXPECT_EQ(algo->getConfigList(), settings);
+  EXPECT_EQ(algo->getPropertyList(), listed);
 }
 
 TEST_F(AlgoBasics, IgnoresPerformanceAndProperties) {

@@ -295,10 +295,13 @@ TEST_F(AlgoInit, AimsAtTheRegionAsGivenNotAtItsCutPart) {
 
 TEST_F(AlgoInit, StartsPlainlyWhenTheViewIsMissing) {
   config().preposition_enabled = true;
+  algo->enableDebug(true);
+  const RecordedLog log;
   Metadata metadata;
   metadata["lumenar.follow_me_enabled_command"] = std::int32_t{1};
   EXPECT_TRUE(init(makePicture(64, 48, metadata), {8, 8, 20, 16}));
   EXPECT_THAT(outputs_of_init, IsEmpty());
+  EXPECT_THAT(log.console(), Not(Contains(ReadsLike("init_preposition_disabled<*>"))));
   EXPECT_EQ(phase(), "waiting_first_update");
 }
 

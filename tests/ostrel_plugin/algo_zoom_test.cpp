@@ -43,6 +43,30 @@ TEST_F(AlgoZoom, NotifiesAStepOfMoreThanTwoPercent) {
   EXPECT_EQ(notices(), 2);
 }
 
+TEST_F(AlgoZoom, MeasuresTheStepInSinglePrecision) {
+  startTracking(view(51, 51));
+  update(view(50, 50));  // 1.02 is above two percent as a double, not as a float
+  EXPECT_EQ(notices(), 0);
+}
+
+TEST_F(AlgoZoom, LeavesOutAFrameThatDoesNotReachTheTracker) {
+  startTracking(view(40, 30));
+  update(makePicture(32, 24, makeView(0, 0, 20, 15)));
+  ASSERT_EQ(status(), "update_skip_source_size_changed");
+  EXPECT_EQ(Access::zoomReference(*algo), std::make_pair(40.0, 30.0));
+  EXPECT_EQ(notices(), 0);
+}
+
+TEST_F(AlgoZoom, ComparesFramesThatTheTrackerLoses) {
+  startTracking(view(40, 30));
+  script([](FakeBackendScript& backend) { backend.track.ok = false; });
+  update(view(20, 15));
+  EXPECT_EQ(notices(), 1);
+  EXPECT_EQ(status(), "track_fail_hold");
+  update(view(10, 7.5));
+  EXPECT_EQ(notices(), 2);
+}
+
 TEST_F(AlgoZoom, ComparesAcrossAFrameWithoutAView) {
   startTracking(view(40, 30));
   update(makePicture());

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 
 namespace {
@@ -29,6 +30,21 @@ TEST(PropertySchema, OpensWithANewlineAndDescribesAnObject) {
   const auto schema = ordered_json::parse(text);
   EXPECT_EQ(schema.at("type"), "object");
   EXPECT_EQ(schema.at("additionalProperties"), false);
+}
+
+TEST(PropertySchema, IndentsEachLevelByTwoBlanks) {
+  std::istringstream text(ostrel_algo_internal::propertySchema());
+  std::size_t level = 0;
+  std::string line;
+  std::getline(text, line);  // the empty one
+  while (std::getline(text, line)) {
+    const std::size_t indent = line.find_first_not_of(' ');
+    ASSERT_NE(indent, std::string::npos);
+    if (line[indent] == '}' || line[indent] == ']') --level;
+    EXPECT_EQ(indent, 2 * level) << line;
+    if (line.back() == '{' || line.back() == '[') ++level;
+  }
+  EXPECT_EQ(level, 0U);
 }
 
 TEST(PropertySchema, DescribesEveryMemberInOrder) {
