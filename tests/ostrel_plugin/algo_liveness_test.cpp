@@ -247,27 +247,39 @@ TEST_F(AlgoLiveness, IsSetByTheMoveToTheTargetNotByTheInstallationBeforeIt) {
   update(view(10, 5));
   EXPECT_EQ(refreshed(), 0U);
   clock.advance(60 * kSecond_ns);
+  const std::uint64_t moved_ns = clock.now();
   loseTarget();
+  script([this](FakeBackendScript& backend) {
+    backend.on_call = [this](const std::string& operation) {
+      if (operation == "track_view") clock.advance(kSecond_ns);
+    };
+  });
   update(view(20, 12.5));
   ASSERT_EQ(phase(), "ready");
-  EXPECT_EQ(refreshed(), clock.now());
+  EXPECT_EQ(refreshed(), moved_ns);
 }
 
 TEST_F(AlgoLiveness, ReadsTheClockAgainWhereItGaveZero) {
+  const auto expect_refreshed_at = [this](std::uint64_t second_reading_ns) {
+    EXPECT_EQ(refreshed(), second_reading_ns);
+    EXPECT_EQ(clock.takeReadings(), 3);
+  };
   warmUp();
   clock.readNext({0, 5, 6});
+  clock.takeReadings();
   update(nullptr);  // the installation, then the dead check
-  EXPECT_EQ(refreshed(), 5U);
+  expect_refreshed_at(5);
   clock.readNext({0, 7, 8});
   update(makePicture());  // a good frame, then the dead check
-  EXPECT_EQ(refreshed(), 7U);
+  expect_refreshed_at(7);
 
   config().preposition_enabled = true;
   warmUp(view(10, 5), {65, 10, 20, 20});
   loseTarget();
   clock.readNext({0, 9, 10});
+  clock.takeReadings();
   update(view(20, 12.5));  // the move, then the dead check
-  EXPECT_EQ(refreshed(), 9U);
+  expect_refreshed_at(9);
 }
 
 TEST_F(AlgoLiveness, ChecksWithASecondReadingWhereTheFirstGaveZero) {
