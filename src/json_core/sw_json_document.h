@@ -19,11 +19,12 @@ class SwJsonDocument {
   SwJsonDocument() = default;
   explicit SwJsonDocument(SwJsonValue root_value) : root(std::move(root_value)) {}
 
+  /// One value with the white space before it. What follows the value is the caller's to judge.
   SwJsonValue parseJson(const SwString& text, std::size_t& index, const SwString& key, SwString& error) const;
   /// `index` stands on the opening bracket.
   SwJsonValue parseArray(const SwString& text, std::size_t& index, const SwString& key,
                          SwString& error) const;
-  /// `index` stands on the opening quote. The bytes are UTF-8.
+  /// `index` stands on the opening quote. The bytes are UTF-8. Empty on an error.
   SwString parseString(const SwString& text, std::size_t& index, SwString& error) const;
   /// Replaces `error` by the message, the index and up to 40 bytes of the text around it.
   void reportError(SwString& error, const SwString& text, std::size_t index, const char* message) const;

@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "json_core/sw_string.h"
@@ -12,7 +13,8 @@ class SwJsonArray;
 class SwJsonObject;
 
 /// One JSON value. All members exist at once, and `kind` says which one counts. A copy shares no node with
-/// its source: a held object or array is copied whole.
+/// its source: a held object or array is copied whole. A value may be assigned from a part of itself. Copying and
+/// destroying descend on the stack.
 class SwJsonValue {
  public:
   enum class Kind : std::int32_t {
@@ -36,7 +38,7 @@ class SwJsonValue {
   SwJsonValue(const SwJsonValue& other);
   SwJsonValue& operator=(const SwJsonValue& other);
   SwJsonValue(SwJsonValue&& other) noexcept = default;
-  SwJsonValue& operator=(SwJsonValue&& other) noexcept = default;
+  SwJsonValue& operator=(SwJsonValue&& other) noexcept;
   ~SwJsonValue() = default;
 
   Kind kind = Kind::Null;

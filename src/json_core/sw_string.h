@@ -1,8 +1,10 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
 /// A string of bytes with the numeric and cipher conveniences that the JSON parser needs. It adds no members.
+/// Numbers read the same under every locale of the host.
 class SwString : public std::string {
  public:
   using std::string::string;
@@ -20,7 +22,8 @@ class SwString : public std::string {
   /// position outside the text.
   SwString mid(int position, int length) const;
 
-  /// The text as a number in any of the forms of toInt() or strtod(). False, with `out` untouched, for none.
+  /// The text as a number in any of the forms of toInt() or strtod(), trailing characters ignored: a text with
+  /// a ".", "e" or "E" as strtod() reads it, where that works. False, with `out` untouched, for none.
   bool parseNumericDouble(double& out) const;
 
   /// The text, Base64 of AES-256 in ECB mode, deciphered with `key`. A text that fails to decipher gives
