@@ -1,13 +1,12 @@
 #include <algorithm>
 
 #include "tracking_runtime/tracker/atom/gpu/cuda_filter_trainer_impl.h"
+#include "tracking_runtime/tracker/atom/gpu/solver_scalars.h"
 
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
 namespace {
 
 using Impl = CudaFilterTrainer::Impl;
-
-constexpr std::size_t kScalars = 3;
 
 cudaError_t create_stream(CudaStream& stream, bool low_priority) {
   int least_priority = 0;
@@ -55,8 +54,8 @@ bool ensure_vectors(Impl& impl, std::size_t taps, std::string* error) {
                       GroupMember{impl.r, taps, "cudaMalloc r"},
                       GroupMember{impl.r_prev, taps, "cudaMalloc r_prev"},
                       GroupMember{impl.p, taps, "cudaMalloc p"}, GroupMember{impl.q, taps, "cudaMalloc q"}) &&
-         ensure_group(error, GroupMember{impl.scalar, kScalars, "cudaMalloc scalar"},
-                      GroupMember{impl.scalar_host, kScalars, "cudaMallocHost scalar"});
+         ensure_group(error, GroupMember{impl.scalar, kSolverScalars, "cudaMalloc scalar"},
+                      GroupMember{impl.scalar_host, kSolverScalars, "cudaMallocHost scalar"});
 }
 
 }  // namespace

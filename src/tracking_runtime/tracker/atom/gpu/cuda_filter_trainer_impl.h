@@ -5,6 +5,7 @@
 
 #include "tracking_runtime/tracker/atom/gpu/cuda_filter_trainer.h"
 #include "tracking_runtime/tracker/atom/gpu/cuda_handles.h"
+#include "tracking_runtime/tracker/atom/gpu/stream_order.h"
 
 /// The inside of the filter trainer, shared by its sources.
 
@@ -48,13 +49,7 @@ bool wait_for_ready_stream(TrainerImpl* impl, cudaStream_t ready_stream, std::st
   if (impl == nullptr || !impl->stream || ready_stream == nullptr || impl->stream.get() == ready_stream)
     return true;
   CudaEvent ready;
-  // The event may go before it has happened: what waits for it keeps it.
-  return set_cuda_error(ready.create_with_flags(cudaEventDisableTiming),
-                        "cudaEventCreateWithFlags filter trainer ready", error) &&
-         set_cuda_error(cudaEventRecord(ready.get(), ready_stream), "cudaEventRecord filter trainer ready",
-                        error) &&
-         set_cuda_error(cudaStreamWaitEvent(impl->stream.get(), ready.get(), 0),
-                        "cudaStreamWaitEvent filter trainer ready", error);
+  return wait_for_stream(impl->stream.get(), ready_stream, "filter trainer ready", &ready, error);
 }
 
 /// The job itself, on features that the trainer's stream may read: linearises, solves, adds the step to the

@@ -77,8 +77,8 @@ class CudaJointOptimizer {
 
   /// Fits on the first `samples` preloaded samples, from `filter` and `projection` on, with one weight for all
   /// samples. Counts of iterations below 1 count as 1. Blocks until the result is on the host, then writes two
-  /// lines of stage timings to standard error. After a failure the outputs may be resized and unfilled; the
-  /// results of an earlier fit stay available as they were until the fit reaches the device.
+  /// lines of stage timings to standard error. After a failure the outputs may be resized and unfilled, and
+  /// what an earlier fit made ready stays ready.
   bool optimize_preloaded_raw_features(const std::vector<float>& labels, int samples,
                                        const std::vector<float>& filter, const std::vector<float>& projection,
                                        float filter_regularization, float projection_regularization,

@@ -1,3 +1,7 @@
+#include <algorithm>
+#include <initializer_list>
+
+#include "tracking_runtime/tracker/atom/gpu/cublas_handle.h"
 #include "tracking_runtime/tracker/atom/gpu/cuda_joint_optimizer_ops.h"
 #include "tracking_runtime/tracker/atom/gpu/kernel_launch.h"
 #include "tracking_runtime/tracker/atom/gpu/solver_device.h"
@@ -78,6 +82,15 @@ __global__ void materialize_scaled_sample_copies_kernel(const float* source, con
   });
 }
 
+bool any_null(std::initializer_list<const void*> pointers) {
+  return std::find(pointers.begin(), pointers.end(), nullptr) != pointers.end();
+}
+
+/// Elements from one matrix of a batch to the next.
+long long stride_of(int rows, int columns) {
+  return static_cast<long long>(rows) * columns;
+}
+
 }  // namespace
 
 bool launch_set_scaled_vector(const float* source, float scale, float* target, int n, cudaStream_t stream,
@@ -125,6 +138,43 @@ bool launch_materialize_scaled_sample_copies(const float* source, const float* s
   return launch_over("materialize_scaled_sample_copies_kernel", materialize_scaled_sample_copies_kernel,
                      count * channels * height * width, 0, stream, error, source, scales, target, count,
                      channels, height, width);
+}
+
+bool gemm_project_features(cublasHandle_t cublas, const float* raw, const float* projection, float* out,
+                           int samples, int in_channels, int out_channels, int height, int width,
+                           std::string* error) {
+  if (any_null({cublas, raw, projection, out}) ||
+      std::min({samples, in_channels, out_channels, height, width}) < 1) {
+    return refuse("invalid cuBLAS projection request", error);
+  }
+  const int positions = height * width;
+  const float alpha = 1.0F, beta = 0.0F;
+  // What is row-major here is cuBLAS's transposed matrix: C^T = raw^T P^T, the same P for every sample.
+  return set_cublas_error(cublasSgemmStridedBatched(
+                              cublas, CUBLAS_OP_N, CUBLAS_OP_N, positions, out_channels, in_channels, &alpha,
+                              raw, positions, stride_of(in_channels, positions), projection, in_channels, 0,
+                              &beta, out, positions, stride_of(out_channels, positions), samples),
+                          "cublasSgemmStridedBatched project_features", error);
+}
+
+bool gemm_accumulate_projection_gradient(cublasHandle_t cublas, cudaStream_t stream, const float* raw,
+                                         const float* projected_gradient, float scale, float* batch_buffer,
+                                         float* out, int samples, int in_channels, int out_channels,
+                                         int height, int width, std::string* error) {
+  if (any_null({cublas, raw, projected_gradient, batch_buffer, out}) ||
+      std::min({samples, in_channels, out_channels, height, width}) < 1) {
+    return refuse("invalid cuBLAS projection gradient request", error);
+  }
+  const int positions = height * width;
+  const float beta = 0.0F;
+  return set_cublas_error(cublasSgemmStridedBatched(
+                              cublas, CUBLAS_OP_T, CUBLAS_OP_N, in_channels, out_channels, positions, &scale,
+                              raw, positions, stride_of(in_channels, positions), projected_gradient,
+                              positions, stride_of(out_channels, positions), &beta, batch_buffer, in_channels,
+                              stride_of(in_channels, out_channels), samples),
+                          "cublasSgemmStridedBatched projection_gradient", error) &&
+         launch_reduce_batched_projection_gradient(batch_buffer, out, samples, in_channels * out_channels,
+                                                   stream, error);
 }
 
 }  // namespace ostrel_tracker::tracking_runtime::tracker::atom::detail

@@ -1,10 +1,11 @@
 #pragma once
 
+#include <cublas_v2.h>
 #include <cuda_runtime.h>
 
 #include <string>
 
-/// Launches of the joint optimiser's kernels. All arrays are device memory: features N, C, H, W; filters C,
+/// Launches of the joint optimiser's kernels, and its two matrix products. All arrays are device memory: features N, C, H, W; filters C,
 /// fh, fw; responses, labels, gradients and weighted maps N, H, W; contiguous 32-bit floats. Each call
 /// enqueues on `stream` and returns without waiting. A launch failure returns false and reads the kernel's
 /// name, ": " and the CUDA text; a 4 x 4 filter takes the fixed kernel and its name. Element counts must fit
@@ -75,5 +76,21 @@ bool launch_reduce_batched_projection_gradient(const float* batch, float* out, i
 bool launch_materialize_scaled_sample_copies(const float* source, const float* scales, float* target,
                                              int count, int channels, int height, int width,
                                              cudaStream_t stream, std::string* error);
+
+/// out (samples x out_channels x H x W) = projection times each raw sample (in_channels x H x W): one batched
+/// product on the handle's stream, without a transposition. A refused product reads
+/// "cublasSgemmStridedBatched project_features: " and the name of its status.
+bool gemm_project_features(cublasHandle_t cublas, const float* raw, const float* projection, float* out,
+                           int samples, int in_channels, int out_channels, int height, int width,
+                           std::string* error);
+
+/// out (out_channels x in_channels) += scale * sum over the samples of projected_gradient times the raw
+/// sample transposed. `batch_buffer` takes the product of each sample, since a batched call cannot add over
+/// its batch. The handle must be bound to `stream`. A refused product reads
+/// "cublasSgemmStridedBatched projection_gradient: " and the name of its status.
+bool gemm_accumulate_projection_gradient(cublasHandle_t cublas, cudaStream_t stream, const float* raw,
+                                         const float* projected_gradient, float scale, float* batch_buffer,
+                                         float* out, int samples, int in_channels, int out_channels,
+                                         int height, int width, std::string* error);
 
 }  // namespace ostrel_tracker::tracking_runtime::tracker::atom::detail

@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "tracking_runtime/tracker/atom/gpu/kernel_launch.h"
+#include "tracking_runtime/tracker/atom/gpu/solver_scalars.h"
 
 /// Device functions of the conjugate gradient solvers, shared by the trainer and the joint optimiser.
 
@@ -34,9 +35,6 @@ __device__ inline void weighted_residual_at(int t, const float* response, const 
   activation_grad[t] = activation.gradient;
   weighted_response[t] = (activation.value - labels[t]) * (weight * activation.gradient);
 }
-
-/// Three doubles steer the solvers: rho, then rho2 or pq, then the previous rho.
-enum SolverScalar : int { kRho = 0, kRho2OrPq = 1, kPreviousRho = 2, kSolverScalars = 3 };
 
 /// Step length rho / pq; 0 when pq is within 1e-12 of zero or not a number, which ends a solved system's
 /// progress.
