@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <functional>
 
 namespace ostrel_test {
 namespace {
@@ -139,9 +138,10 @@ Doubles reference_normal_operator(const TrainingProblem& problem, const Doubles&
                     problem.regularization, direction);
 }
 
-Doubles reference_training(const TrainingProblem& problem, const Doubles& filter, int iterations) {
-  Doubles x(filter.size(), 0.0);
-  Doubles r = reference_right_hand_side(problem, filter);
+Doubles reference_conjugate_gradient(const Doubles& right_hand_side,
+                                     const std::function<Doubles(const Doubles&)>& apply, int iterations) {
+  Doubles x(right_hand_side.size(), 0.0);
+  Doubles r = right_hand_side;
   Doubles r_prev, p;
   double rho_prev = 0.0;
   for (int k = 0; k < std::max(iterations, 1); ++k) {
@@ -149,7 +149,7 @@ Doubles reference_training(const TrainingProblem& problem, const Doubles& filter
     const double beta =
         k == 0 ? 0.0 : std::max(0.0, (rho - reference_dot(r_prev, r)) / std::max(rho_prev, 1e-12));
     p = k == 0 ? r : add_scaled(r, beta, p);
-    const Doubles q = reference_normal_operator(problem, filter, p);
+    const Doubles q = apply(p);
     const double pq = reference_dot(p, q);
     const double alpha = std::abs(pq) <= 1e-12 ? 0.0 : rho / pq;
     r_prev = r;
@@ -157,7 +157,14 @@ Doubles reference_training(const TrainingProblem& problem, const Doubles& filter
     r = add_scaled(r, -alpha, q);
     rho_prev = rho;
   }
-  return add_scaled(filter, 1.0, x);
+  return x;
+}
+
+Doubles reference_training(const TrainingProblem& problem, const Doubles& filter, int iterations) {
+  const Doubles step = reference_conjugate_gradient(
+      reference_right_hand_side(problem, filter),
+      [&](const Doubles& p) { return reference_normal_operator(problem, filter, p); }, iterations);
+  return add_scaled(filter, 1.0, step);
 }
 
 }  // namespace ostrel_test

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <initializer_list>
 #include <vector>
 
@@ -72,6 +73,10 @@ Doubles reference_right_hand_side(const TrainingProblem& problem, const Doubles&
 /// (J^T W J + regularization) direction, J taken at `filter`.
 Doubles reference_normal_operator(const TrainingProblem& problem, const Doubles& filter,
                                   const Doubles& direction);
+
+/// x after `iterations` conjugate gradient iterations, at least 1, on apply(x) = right_hand_side, from x = 0.
+Doubles reference_conjugate_gradient(const Doubles& right_hand_side,
+                                     const std::function<Doubles(const Doubles&)>& apply, int iterations);
 
 /// filter + x after `iterations` conjugate gradient iterations on the Gauss-Newton system.
 Doubles reference_training(const TrainingProblem& problem, const Doubles& filter, int iterations);
