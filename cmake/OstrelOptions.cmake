@@ -30,6 +30,7 @@ endif()
 option(OSTREL_BUILD_APPS "Build the programs" ${OSTREL_HOST_DEFAULT})
 option(OSTREL_BUILD_TESTS "Build the tests" ${OSTREL_HOST_DEFAULT})
 option(OSTREL_BUILD_BENCHMARKS "Build the benchmarks" OFF)
+option(OSTREL_BUILD_FUZZERS "Build the fuzz targets, and nothing else" OFF)
 
 set(CMAKE_CXX_STANDARD 17)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
@@ -59,7 +60,9 @@ if(OSTREL_DEVICE STREQUAL "cuda")
 endif()
 
 find_package(Threads REQUIRED)
-find_package(OpenCV REQUIRED COMPONENTS core imgproc)
+if(NOT OSTREL_BUILD_FUZZERS)
+  find_package(OpenCV REQUIRED COMPONENTS core imgproc)
+endif()
 
 if(OSTREL_SANITIZE)
   add_compile_options(-fsanitize=${OSTREL_SANITIZE} -fno-omit-frame-pointer)

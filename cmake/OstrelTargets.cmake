@@ -4,7 +4,7 @@ add_library(ostrel_warnings INTERFACE)
 target_compile_options(ostrel_warnings INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-Wall;-Wextra;-Wconversion;-Wshadow;-Werror>
   $<$<COMPILE_LANGUAGE:CUDA>:-Xcompiler=-Wall,-Wextra,-Wshadow>)
-if(OSTREL_SANITIZE)
+if(OSTREL_SANITIZE AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # g++ 12 sees uninitialised values in its own <regex> where the sanitizers instrument it; the release build
   # keeps the warning.
   target_compile_options(ostrel_warnings INTERFACE -Wno-maybe-uninitialized)
