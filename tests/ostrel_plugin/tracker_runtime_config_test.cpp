@@ -7,15 +7,15 @@
 #include <string>
 #include <vector>
 
-#include "ostrel_plugin/config_settings.h"
+#include "ostrel_plugin/config_members.h"
 #include "support/config_text.h"
 
 namespace {
 
 using ostrel_algo_internal::buildTrackerRuntimeConfig;
 using ostrel_test::config_text;
-using ostrel_test::ConfigSetting;
-using ostrel_test::kConfigSettings;
+using ostrel_test::kConfigMembers;
+using ostrel_test::NamedMember;
 
 // The tracker's field that a setting reaches, empty for settings that stay in the plug-in.
 const std::map<std::string, std::string> kReached = {
@@ -118,9 +118,9 @@ struct Change {
 
 TEST(TrackerRuntimeConfig, CopiesEachSettingIntoItsFieldAlone) {
   const std::string original = config_text(buildTrackerRuntimeConfig(OstrelConfig()));
-  ASSERT_EQ(kReached.size(), kConfigSettings.size());
-  for (const ConfigSetting& setting : kConfigSettings) {
-    const std::string path = std::string(setting.group) + "/" + setting.key;
+  ASSERT_EQ(kReached.size(), kConfigMembers.size());
+  for (const NamedMember& setting : kConfigMembers) {
+    const std::string path = setting.path;
     SCOPED_TRACE(path);
     OstrelConfig config;
     const std::string value = std::visit(Change{config}, setting.member);
