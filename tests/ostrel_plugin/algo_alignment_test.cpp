@@ -14,7 +14,7 @@ constexpr const char* kFollowMe = "lumenar.follow_me_enabled_command";
 
 class AlgoAlignment : public AlgoTest {
  protected:
-  AlgoAlignment() { config().preposition_enabled = true; }
+  AlgoAlignment() { configure("preposition/enabled", "true"); }
 
   static Metadata followMe(Metadata metadata) {
     metadata[kFollowMe] = std::int32_t{1};
@@ -59,7 +59,7 @@ TEST_F(AlgoAlignment, WaitsForTheViewAndThenMovesTheTracker) {
 }
 
 TEST_F(AlgoAlignment, ScalesTheExpectedBoxToTheProcessingFrame) {
-  Access::resizeScale(*algo) = 0.5F;
+  configure("processing/frame_scale", "0.5");
   warmUpWithTarget();
   update(view(20, 12.5));
   EXPECT_FLOAT_EQ(asked().expected.x, 20.0F);
@@ -245,7 +245,7 @@ TEST_F(AlgoAlignment, TriesAgainAfterARefusedMove) {
 }
 
 TEST_F(AlgoAlignment, NeverRunsIntoTheDeadTimeoutWhileItWaits) {
-  config().dead_timeout_s = 0.001F;
+  configure("runtime/dead_timeout_s", "0.001");
   warmUpWithTarget();
   update(view(10, 5));
   Access::lastTrackOkNs(*algo) = 1;
@@ -256,7 +256,7 @@ TEST_F(AlgoAlignment, NeverRunsIntoTheDeadTimeoutWhileItWaits) {
 
 TEST_F(AlgoAlignment, TracksWithoutATargetWhenItIsSwitchedOff) {
   warmUpWithTarget();
-  config().preposition_enabled = false;
+  configure("preposition/enabled", "false");
   EXPECT_EQ(update(view(10, 5)).size(), 1U);
   EXPECT_EQ(phase(), "ready");
   EXPECT_FALSE(Access::haveTarget(*algo));
@@ -268,7 +268,7 @@ TEST_F(AlgoAlignment, ArmsAtTheNextFrameWhenItFindsTheSwitchOff) {
   warmUpWithTarget();
   update(view(10, 5));
   ASSERT_EQ(phase(), "waiting_alignment");
-  config().preposition_enabled = false;  // behind the back of what drops the target with it
+  Access::config(*algo).preposition_enabled = false;  // behind the back of what drops the target with it
   update(nullptr);
   EXPECT_EQ(status(), "update_skip_no_frame");
   EXPECT_EQ(phase(), "ready");

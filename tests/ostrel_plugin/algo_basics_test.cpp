@@ -128,6 +128,8 @@ TEST_F(AlgoBasics, ListsItsPropertiesAndSettingsAsConstantTexts) {
   const std::string listed = algo->getPropertyList();
   EXPECT_EQ(listed, ostrel_algo_internal::propertySchema());
   startTracking();
+  algo->setConfig(R"({"target":{"class_id":3},"runtime":{"dead_timeout_s":3}})");
+  algo->setConfig("{");
   EXPECT_EQ(algo->getConfigList(), settings);
   EXPECT_EQ(algo->getPropertyList(), listed);
 }
@@ -278,12 +280,12 @@ TEST_F(AlgoBasics, LogsAChangeOfStatusOnBothPaths) {
 }
 
 TEST_F(AlgoBasics, LogsARepeatedStatusOnlyAtAPeriodOfOneAndOnlyOnTheConsole) {
-  algo->enableDebug(true);
+  configure("debug/enabled", "true");
   Access::setStatus(*algo, "word", "");
   const RecordedLog log;
   Access::setStatus(*algo, "word", "");
   EXPECT_THAT(log.console(), IsEmpty());
-  Access::logPeriod(*algo) = 1;
+  configure("debug/log_every_n_frames", "1");
   Access::setStatus(*algo, "word", "");
   EXPECT_THAT(log.console(), ElementsAre("runtime_status=word"));
   EXPECT_THAT(log.infos(), IsEmpty());
@@ -303,20 +305,6 @@ TEST_F(AlgoBasics, StopsLoggingWhenDebuggingIsTurnedOff) {
   algo->enableDebug(false);
   Access::setStatus(*algo, "word", "");
   EXPECT_EQ(log.consoleText(), "");
-}
-
-TEST_F(AlgoBasics, SaysThatItReadsNoConfigurationYet) {
-  startTracking();
-  const std::string before = algo->property("").substr(0, algo->property("").find("\"track_idle_ms\""));
-  const RecordedLog log;
-  algo->setConfig("{\"debug\":{\"enabled\":true}}");
-  EXPECT_EQ(log.consoleText(), "");
-  algo->enableDebug(true);
-  algo->setConfig("{\"target\":{\"class_id\":3}}");
-  EXPECT_THAT(log.console(),
-              ElementsAre("setConfig(): not supported yet, 25 bytes ignored, the configuration "
-                          "stays as it was"));
-  EXPECT_EQ(algo->property("").substr(0, before.size()), before);
 }
 
 }  // namespace

@@ -157,7 +157,13 @@ class AlgoTest : public testing::Test {
   std::string detail() { return property().at("runtime_detail"); }
   std::string phase() { return property().at("init_phase"); }
   std::int64_t stat(const char* name) { return property().at("stats").at(name); }
-  OstrelConfig& config() { return Access::config(*algo); }
+  const OstrelConfig& config() { return Access::config(*algo); }
+
+  /// One setting by its path, "group/key", with the text of its JSON value.
+  void configure(const std::string& path, const std::string& value) {
+    const auto slash = path.find('/');
+    algo->setConfig("{\"" + path.substr(0, slash) + "\":{\"" + path.substr(slash + 1) + "\":" + value + "}}");
+  }
 
   std::unique_ptr<OstrelAlgo> algo = std::make_unique<OstrelAlgo>();
   std::vector<AlgoOutput> outputs_of_init;

@@ -91,7 +91,7 @@ TEST_F(AlgoInit, KeepsTheBadSizeOfAPicture) {
 }
 
 TEST_F(AlgoInit, FixesTheProcessingFrame) {
-  Access::resizeScale(*algo) = 0.5F;
+  configure("processing/frame_scale", "0.5");
   init(optrix::OptrixPicture::withoutPixels(1920, 1080), {10, 10, 50, 50});
   EXPECT_EQ(property().at("tracker_input_width"), 960);
   EXPECT_EQ(property().at("tracker_input_height"), 540);
@@ -160,10 +160,10 @@ TEST_F(AlgoInit, ClearsTheWholeRun) {
 }
 
 TEST_F(AlgoInit, ForgetsTheOldRunEvenWhenItRefuses) {
-  config().preposition_enabled = true;
+  configure("preposition/enabled", "true");
   Metadata metadata = makeView(10, 5, 40, 30);
   metadata["lumenar.follow_me_enabled_command"] = std::int32_t{1};
-  Access::resizeScale(*algo) = 0.5F;
+  configure("processing/frame_scale", "0.5");
   warmUp(makePicture(64, 48, metadata));
   ASSERT_TRUE(Access::haveTarget(*algo));
   ASSERT_NE(Access::initReturnNs(*algo), 0U);
@@ -211,7 +211,7 @@ TEST_F(AlgoInit, UsesOnlyTheFirstPicture) {
 }
 
 TEST_F(AlgoInit, LogsTheRegionOnBothPathsAndItsReturn) {
-  Access::resizeScale(*algo) = 0.5F;
+  configure("processing/frame_scale", "0.5");
   algo->enableDebug(true);
   const RecordedLog log;
   init(makePicture(100, 80), {90, 10, 30, 20});
@@ -250,7 +250,8 @@ TEST_F(AlgoInit, MakesAGimbalTargetOnlyWhenBothSidesAskForIt) {
   for (const Case& each : cases) {
     SCOPED_TRACE(each.line);
     const RecordedLog log;
-    config().preposition_enabled = each.enabled;
+    algo->setConfig(std::string(R"({"debug":{"enabled":true},"preposition":{"enabled":)") +
+                    (each.enabled ? "true}}" : "false}}"));
     Metadata metadata = makeView(10, 5, 40, 30);
     metadata["lumenar.follow_me_enabled_command"] = each.flag;
     EXPECT_TRUE(init(makePicture(64, 48, metadata), {8, 8, 20, 16}));
@@ -262,7 +263,7 @@ TEST_F(AlgoInit, MakesAGimbalTargetOnlyWhenBothSidesAskForIt) {
 }
 
 TEST_F(AlgoInit, AnswersWithTheGimbalTarget) {
-  config().preposition_enabled = true;
+  configure("preposition/enabled", "true");
   algo->enableDebug(true);
   const RecordedLog log;
   Metadata metadata = makeView(10, 5, 40, 30);
@@ -286,7 +287,7 @@ TEST_F(AlgoInit, AnswersWithTheGimbalTarget) {
 }
 
 TEST_F(AlgoInit, AimsAtTheRegionAsGivenNotAtItsCutPart) {
-  config().preposition_enabled = true;
+  configure("preposition/enabled", "true");
   Metadata metadata = makeView(0, 0, 64, 48);
   metadata["lumenar.follow_me_enabled_command"] = std::int64_t{1};
   init(makePicture(64, 48, metadata), {54, 14, 20, 20});  // crosses the right edge
@@ -294,7 +295,7 @@ TEST_F(AlgoInit, AimsAtTheRegionAsGivenNotAtItsCutPart) {
 }
 
 TEST_F(AlgoInit, StartsPlainlyWhenTheViewIsMissing) {
-  config().preposition_enabled = true;
+  configure("preposition/enabled", "true");
   algo->enableDebug(true);
   const RecordedLog log;
   Metadata metadata;

@@ -71,7 +71,7 @@ TEST_F(AlgoLiveness, DiesAtTheTimeoutToTheNanosecond) {
 }
 
 TEST_F(AlgoLiveness, LogsADeathOnceOnBothPaths) {
-  config().dead_timeout_s = 2.5F;
+  configure("runtime/dead_timeout_s", "2.5");
   startTracking();
   loseTarget();
   algo->enableDebug(true);
@@ -133,7 +133,7 @@ TEST_F(AlgoLiveness, LivesForeverWhenTheHostStopsCalling) {
 }
 
 TEST_F(AlgoLiveness, HasNoTimeoutAtZero) {
-  config().dead_timeout_s = 0.0F;
+  configure("runtime/dead_timeout_s", "0");
   startTracking();
   loseTarget();
   clock.advance(1'000'000 * kSecond_ns);
@@ -143,7 +143,7 @@ TEST_F(AlgoLiveness, HasNoTimeoutAtZero) {
 }
 
 TEST_F(AlgoLiveness, DoesNotCountBeforeArming) {
-  config().preposition_enabled = true;
+  configure("preposition/enabled", "true");
   warmUp(view(10, 5), {65, 10, 20, 20});
   clock.advance(1000 * kSecond_ns);
   update(view(10, 5));
@@ -242,7 +242,7 @@ TEST_F(AlgoLiveness, IsSetByTheInstallationWithoutATarget) {
 }
 
 TEST_F(AlgoLiveness, IsSetByTheMoveToTheTargetNotByTheInstallationBeforeIt) {
-  config().preposition_enabled = true;
+  configure("preposition/enabled", "true");
   warmUp(view(10, 5), {65, 10, 20, 20});
   update(view(10, 5));
   EXPECT_EQ(refreshed(), 0U);
@@ -273,7 +273,7 @@ TEST_F(AlgoLiveness, ReadsTheClockAgainWhereItGaveZero) {
   update(makePicture());  // a good frame, then the dead check
   expect_refreshed_at(7);
 
-  config().preposition_enabled = true;
+  configure("preposition/enabled", "true");
   warmUp(view(10, 5), {65, 10, 20, 20});
   loseTarget();
   clock.readNext({0, 9, 10});

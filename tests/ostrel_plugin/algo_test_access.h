@@ -7,19 +7,15 @@
 
 #include "ostrel_plugin/src/ostrel_algo.h"
 
-/// What tests reach inside the plug-in object: its settings, which no document sets yet, states that a host
-/// cannot bring about, and its static functions.
+/// What tests reach inside the plug-in object: states that a host cannot bring about or see, and its static
+/// functions.
 struct OstrelAlgoTestAccess {
   using Phase = OstrelAlgo::InitPhase;
   using Request = OstrelAlgo::AsyncInitRequest;
   using Result = OstrelAlgo::AsyncInitResult;
 
+  /// Values that no document can set are written here; all others go through `setConfig`.
   static OstrelConfig& config(OstrelAlgo& algo) { return algo.config_; }
-  static std::int32_t& logPeriod(OstrelAlgo& algo) { return algo.debug_log_period_; }
-  static float& resizeScale(OstrelAlgo& algo) { return algo.resize_scale_; }
-  static std::int32_t& classId(OstrelAlgo& algo) { return algo.class_id_; }
-  static std::int32_t& trackerId(OstrelAlgo& algo) { return algo.tracker_id_; }
-  static std::string& className(OstrelAlgo& algo) { return algo.class_name_; }
   static BBox& bbox(OstrelAlgo& algo) { return algo.bbox_; }
   static bool& initialized(OstrelAlgo& algo) { return algo.initialized_; }
   static bool& armed(OstrelAlgo& algo) { return algo.tracking_armed_; }

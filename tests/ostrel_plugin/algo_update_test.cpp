@@ -143,7 +143,7 @@ TEST_F(AlgoUpdate, TakesTheSourceSizeForAFrameWithoutASize) {
 // --- The tracker call
 
 TEST_F(AlgoUpdate, HandsTheTrackerThePictureTheScalesAndTheProcessingFrame) {
-  Access::resizeScale(*algo) = 0.5F;
+  configure("processing/frame_scale", "0.5");
   startTracking(makePicture(100, 60));
   const PicturePtr picture = makePicture(100, 60);
   update(picture);
@@ -155,10 +155,8 @@ TEST_F(AlgoUpdate, HandsTheTrackerThePictureTheScalesAndTheProcessingFrame) {
 }
 
 TEST_F(AlgoUpdate, PublishesTheTrackersBoxInFullFramePixels) {
-  Access::resizeScale(*algo) = 0.5F;
-  Access::classId(*algo) = 3;
-  Access::trackerId(*algo) = 65535;
-  Access::className(*algo) = "boat";
+  configure("processing/frame_scale", "0.5");
+  algo->setConfig(R"({"target":{"class_id":3,"tracker_id":65535,"class_name":"boat"}})");
   answerBox(5.2F, 6.3F, 10.4F, 11.6F, 0.7F);
   const auto boxes = startTracking(makePicture(100, 80));
   ASSERT_EQ(boxes.size(), 1U);
@@ -301,7 +299,7 @@ TEST_F(AlgoUpdate, HandsEachOverlayTheSameRecord) {
 }
 
 TEST_F(AlgoUpdate, EmitsNothingForARejectedFrame) {
-  config().lost_after_low_score_frames = 1;
+  configure("publication/lost_after_low_score_frames", "1");
   startTracking();
   answerBox(1, 2, 10, 10, 0.3F);
   const auto alive_since = Access::lastTrackOkNs(*algo);
@@ -316,9 +314,8 @@ TEST_F(AlgoUpdate, EmitsNothingForARejectedFrame) {
 }
 
 TEST_F(AlgoUpdate, EmitsNothingForADeadFrame) {
-  config().lost_after_low_score_frames = 1;
-  config().publish_after_confirm_frames = 0;
-  config().dead_status_confirm_frames = 0;
+  algo->setConfig(R"({"publication":{"lost_after_low_score_frames":1,"publish_after_confirm_frames":0,
+                                     "dead_status_confirm_frames":0}})");
   startTracking();
   const auto alive_since = Access::lastTrackOkNs(*algo);
   answerBox(1, 2, 10, 10, 0.3F);
@@ -366,7 +363,7 @@ TEST_F(AlgoUpdate, HidesAndShowsTheBoxByTheScoresOfManyFrames) {
 
 TEST_F(AlgoUpdate, ClampsTheScoreOfABox) {
   answerBox(1, 2, 10, 10, 7.0F);
-  config().lost_after_low_score_frames = 0;
+  configure("publication/lost_after_low_score_frames", "0");
   EXPECT_EQ(startTracking().at(0).score, 1.0);
   answerBox(1, 2, 10, 10, -0.5F);
   EXPECT_EQ(update(makePicture()).at(0).score, 0.0);
@@ -375,7 +372,7 @@ TEST_F(AlgoUpdate, ClampsTheScoreOfABox) {
 }
 
 TEST_F(AlgoUpdate, WarnsAboutTheFirstElevenEmittedBoxes) {
-  Access::resizeScale(*algo) = 0.5F;
+  configure("processing/frame_scale", "0.5");
   answerBox(5, 6, 10, 12, 0.9F);
   warmUp(makePicture(100, 80));
   algo->enableDebug(true);
@@ -401,8 +398,8 @@ TEST_F(AlgoUpdate, WarnsAboutFirstFramesThatFailAsWell) {
 }
 
 TEST_F(AlgoUpdate, WritesThePeriodicLinesOfAGoodFrame) {
-  Access::resizeScale(*algo) = 0.5F;
-  Access::logPeriod(*algo) = 1;
+  configure("processing/frame_scale", "0.5");
+  configure("debug/log_every_n_frames", "1");
   answerBox(5.25F, 6, 10, 12, 0.9F);
   warmUp(makePicture(100, 80));
   update(makePicture(100, 80));

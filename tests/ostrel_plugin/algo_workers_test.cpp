@@ -35,10 +35,10 @@ TEST_F(AlgoWorkers, GoFromTheFirstUpdateToTheFirstTrackedFrame) {
 }
 
 TEST_F(AlgoWorkers, BuildTheTrackerFromTheSavedPictureAndBox) {
-  Access::resizeScale(*algo) = 0.5F;
-  config().learning_rate = 0.125F;
+  configure("processing/frame_scale", "0.5");
+  configure("learning/learning_rate", "0.125");
   init(makePicture(100, 80), {10, 20, 30, 40});
-  config().learning_rate = 0.5F;  // later settings do not reach a saved request
+  configure("learning/learning_rate", "0.5");  // later settings do not reach a saved request
   Access::bbox(*algo) = {};
   update(makePicture(64, 48));  // this frame is only the signal
   EXPECT_EQ(property().at("bbox"), nlohmann::json({10, 20, 30, 40}));
@@ -66,7 +66,7 @@ TEST_F(AlgoWorkers, WaitForAFrameBeforeTheyAreLaunched) {
 
 TEST_F(AlgoWorkers, FallBackToTheFirstUpdateWhenATargetCarryingRunHasNoFrame) {
   auto starts = holdStarts();
-  config().preposition_enabled = true;
+  configure("preposition/enabled", "true");
   Metadata metadata = makeView(10, 5, 40, 30);
   metadata["lumenar.follow_me_enabled_command"] = std::int32_t{1};
   init(makePicture(64, 48, metadata), {22, 16, 20, 16});
@@ -288,7 +288,7 @@ TEST_F(AlgoWorkers, InstallTheOverlaysOfTheLiveSettings) {
   EXPECT_THAT(Access::overlays(*algo), IsEmpty());
   init(makePicture(), {8, 8, 20, 16});
   update(makePicture());
-  config().lost_after_low_score_frames = 1;  // after the request was saved
+  configure("publication/lost_after_low_score_frames", "1");  // after the request was saved
   starts.release();
   Access::waitForWorkers(*algo);
   script([](FakeBackendScript& backend) { backend.track.score = 0.1F; });
@@ -306,8 +306,8 @@ TEST_F(AlgoWorkers, SetTheZoomReferenceFromTheViewOfTheStart) {
 }
 
 TEST_F(AlgoWorkers, LogTheirWholeWay) {
+  configure("processing/frame_scale", "0.5");
   algo->enableDebug(true);
-  Access::resizeScale(*algo) = 0.5F;
   const RecordedLog log;
   warmUp(makePicture(100, 80), {10, 20, 30, 40});
   update(makePicture(100, 80));

@@ -138,6 +138,11 @@ class OstrelAlgo final : public IAlgoPlugin {
   void takeZoomReferenceLocked_(double hfov_deg, double vfov_deg);
   void dropPrepositionTargetLocked_();
 
+  // --- Configuration (ostrel_algo_config.cpp)
+  void refreshConfigCopiesLocked_();
+  void maybeDropPrepositionLocked_();
+  void maybeUpdateTrackerConfigLocked_();
+
   // --- Start (ostrel_algo_init.cpp)
   void resetRunLocked_();
   bool acceptStartLocked_(const PicturePtr& picture, const BBox& roi, BBox* bbox_proc);

@@ -1,16 +1,38 @@
+#include <cctype>
+
+#include "json_core/sw_json_document.h"
 #include "ostrel_plugin/src/algo_log.h"
 #include "ostrel_plugin/src/ostrel_algo.h"
 #include "ostrel_plugin/src/ostrel_config_io.h"
 #include "ostrel_plugin/src/property_json.h"
 #include "ostrel_plugin/src/steady_clock.h"
 #include "ostrel_plugin/src/text_stream.h"
+#include "ostrel_plugin/src/tracker_runtime_config.h"
 
+using ostrel_algo_internal::formatText;
 using ostrel_algo_internal::jsonEscape;
 
 namespace {
 
 const char* trueOrFalse(bool value) {
   return value ? "true" : "false";
+}
+
+std::size_t skipWhiteSpace(const std::string& text, std::size_t index) {
+  while (index < text.size() && std::isspace(static_cast<unsigned char>(text[index])) != 0) ++index;
+  return index;
+}
+
+// False when the text is no JSON object from end to end. A root of another kind has no message.
+bool readDocument(const SwString& json, SwJsonDocument* document, SwString* error) {
+  std::size_t index = 0;
+  document->root = document->parseJson(json, index, SwString(), *error);
+  if (!error->empty()) return false;
+  if (skipWhiteSpace(json, index) < json.size()) {
+    *error = SwString("Unexpected characters at the end of JSON.");
+    return false;
+  }
+  return document->root.kind == SwJsonValue::Kind::Object;
 }
 
 }  // namespace
@@ -20,12 +42,58 @@ std::string OstrelAlgo::getConfigList() {
   return ostrel_cfg::schema();
 }
 
-// A document is not read yet: the defaults of the record stay in force, and the log says so.
+// The one way in. Nothing is restarted: what a running tracker cannot take waits for the next `init`.
 void OstrelAlgo::setConfig(std::string json) {
   const std::lock_guard<std::mutex> lock(mutex_);
+  SwJsonDocument document;
+  SwString error;
+  if (!readDocument(json, &document, &error)) {
+    if (debug_) writeConsole_(formatText("setConfig(): invalid JSON (%s)", error.c_str()));
+    return;
+  }
+  const bool changed = ostrel_cfg::apply(document, config_);
+  refreshConfigCopiesLocked_();
+  if (!changed) return;  // the overlays keep their counters
+  maybeDropPrepositionLocked_();
+  ostrel_algo_internal::rebuildOverlays(&overlays_, config_);
+  maybeUpdateTrackerConfigLocked_();
+}
+
+// Also when nothing changed: the record has the last word over `enableDebug`.
+void OstrelAlgo::refreshConfigCopiesLocked_() {
+  class_id_ = config_.class_id;
+  tracker_id_ = config_.tracker_id;
+  class_name_ = config_.class_name;
+  resize_scale_ = config_.frame_scale;
+  debug_log_period_ = config_.log_every_n_frames > 0 ? config_.log_every_n_frames : 1;
+  debug_ = config_.debug_enabled;
+}
+
+// Switching the pre-positioning off ends a wait for the view, whether the tracker is there already or not.
+void OstrelAlgo::maybeDropPrepositionLocked_() {
+  if (config_.preposition_enabled || !have_preposition_target_) return;
+  dropPrepositionTargetLocked_();
+  if (initialized_ && tracker_ && !tracking_armed_) {
+    tracking_armed_ = true;
+    init_phase_ = InitPhase::Ready;
+    if (have_init_view_) takeZoomReferenceLocked_(init_hfov_deg_, init_vfov_deg_);
+    refreshTrackingLivenessLocked_(ostrel_algo_internal::steadyNowNs());
+    setRuntimeStatusLocked_("preposition_disabled_tracking_armed");
+  } else if (init_phase_ == InitPhase::WaitingAlignment) {
+    init_phase_ = InitPhase::WaitingFirstUpdate;
+    setRuntimeStatusLocked_("preposition_disabled_waiting_update");
+  }
+}
+
+// What the tracker refused is told in the log alone.
+void OstrelAlgo::maybeUpdateTrackerConfigLocked_() {
+  if (!tracker_) return;
+  std::string detail;
+  const bool applied =
+      tracker_->updateConfig(ostrel_algo_internal::buildTrackerRuntimeConfig(config_), &detail);
   if (!debug_) return;
-  writeConsole_(ostrel_algo_internal::formatText(
-      "setConfig(): not supported yet, %zu bytes ignored, the configuration stays as it was", json.size()));
+  if (detail.empty()) detail = "config_updated";
+  writeConsole_(formatText("setConfig hot_apply=%d detail=%s", applied ? 1 : 0, detail.c_str()));
 }
 
 std::string OstrelAlgo::getPropertyList() {

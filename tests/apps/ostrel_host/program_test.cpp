@@ -182,8 +182,6 @@ TEST_F(Program, RefusesBadInputInOneLine) {
       {source + roi + "--config " + path("broken.json"),
        "the configuration " + quoted("broken.json") + " is malformed JSON"},
       {source + roi + "--set nonsense", "'nonsense' is no setting: path=value is needed"},
-      {source + roi + "--set debug/enabled=true",
-       "this plug-in takes no configuration: setConfig changed nothing"},
       {source + roi + "--groundtruth " + path("missing.txt"),
        "the boxes " + quoted("missing.txt") + " cannot be read"},
   };
