@@ -2,6 +2,9 @@
 
 #include <string>
 
+// A key of 32 bytes.
+inline const std::string kCipherKey = "0123456789abcdefghijklmnopqrstuv";
+
 // The enciphered form of a text under a key of 32 bytes: AES-256 in ECB mode, then Base64 with `=` padding.
 std::string encipher(const std::string& text, const std::string& key);
 

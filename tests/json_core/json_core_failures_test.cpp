@@ -16,8 +16,6 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-const std::string kKey = "0123456789abcdefghijklmnopqrstuv";
-
 class JsonCoreFailures : public testing::Test {
  protected:
   void TearDown() override {
@@ -45,11 +43,11 @@ TEST_F(JsonCoreFailures, OfTheDigestAreNamed) {
       {"EVP_DigestUpdate", "EVP digest operation failed."},
       {"EVP_DigestFinal_ex", "EVP digest operation failed."},
   };
-  const std::string text = encipher("text", kKey);
+  const std::string text = encipher("text", kCipherKey);
   for (const auto& [call, message] : cases) {
     fail_evp(call);
     EXPECT_EQ(runtime_error_of([&] { SwCrypto::decryptAES(text, "short key"); }), message) << call;
-    EXPECT_EQ(SwCrypto::decryptAES(text, kKey), "text") << "a key of 32 bytes needs no digest";
+    EXPECT_EQ(SwCrypto::decryptAES(text, kCipherKey), "text") << "a key of 32 bytes needs no digest";
     EXPECT_EQ(live_evp_contexts(), 0) << call;
   }
 }
@@ -86,20 +84,20 @@ TEST_F(JsonCoreFailures, OfACipherStepNameTheDirection) {
 }
 
 TEST_F(JsonCoreFailures, OfTheCipherMakeAnEmptyTextWithALine) {
-  const std::string text = encipher("text", kKey);
+  const std::string text = encipher("text", kCipherKey);
   fail_evp("EVP_CipherUpdate");
   testing::internal::CaptureStderr();
-  EXPECT_EQ(SwString(text).decryptAES(kKey), "");
-  EXPECT_EQ(describe(parse_text("[\"" + text + "\"," + text + "]", kKey).value), "[s:\"\",s:\"\"]");
+  EXPECT_EQ(SwString(text).decryptAES(kCipherKey), "");
+  EXPECT_EQ(describe(parse_text("[\"" + text + "\"," + text + "]", kCipherKey).value), "[s:\"\",s:\"\"]");
   const std::string line = "Decryption error: EVP AES decrypt failed.\n";
   EXPECT_EQ(testing::internal::GetCapturedStderr(), line + line + line);
 }
 
 TEST_F(JsonCoreFailures, LetOtherExceptionsPass) {
-  const std::string text = encipher("text", kKey);
+  const std::string text = encipher("text", kCipherKey);
   fail_evp("EVP_CipherUpdate", EvpFault::kThrow);
-  EXPECT_THROW(SwString(text).decryptAES(kKey), int);
-  EXPECT_THROW(parse_text(text, kKey), int);
+  EXPECT_THROW(SwString(text).decryptAES(kCipherKey), int);
+  EXPECT_THROW(parse_text(text, kCipherKey), int);
 }
 
 TEST_F(JsonCoreFailures, OfMemoryWhileATokenIsReadAreAnErrorOfTheDocument) {
@@ -109,7 +107,7 @@ TEST_F(JsonCoreFailures, OfMemoryWhileATokenIsReadAreAnErrorOfTheDocument) {
   std::size_t index = 0;
   SwString error;
   ostrel_test::fail_heap_allocations_of(kTokenBytes + 1);
-  const SwJsonValue value = SwJsonDocument().parseJson(document, index, kKey, error);
+  const SwJsonValue value = SwJsonDocument().parseJson(document, index, kCipherKey, error);
   ostrel_test::fail_heap_allocations_of(0);
   EXPECT_EQ(error, "Unable to decrypt string value (index 1) near \"" + extract + "\"");
   EXPECT_EQ(index, 1U);

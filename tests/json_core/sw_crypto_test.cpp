@@ -12,7 +12,6 @@ namespace {
 
 using Bytes = std::vector<unsigned char>;
 
-const std::string kKey = "0123456789abcdefghijklmnopqrstuv";
 const std::string kShortKey = "0123456789abcdefghijklmnopqrstu";  // 31 bytes
 
 Bytes bytes_of(const std::string& text) {
@@ -51,11 +50,11 @@ TEST(SwCryptoEcb, MatchesThePublishedVectors) {
 TEST(SwCryptoEcb, PadsToWholeBlocksAndLeavesThePaddingWhenDeciphering) {
   for (std::size_t length = 0; length <= 48; ++length) {
     const Bytes data(length, 'x');
-    const Bytes enciphered = SwCrypto::cryptAES_ECB(data, bytes_of(kKey), true);
+    const Bytes enciphered = SwCrypto::cryptAES_ECB(data, bytes_of(kCipherKey), true);
     ASSERT_EQ(enciphered.size(), length / 16 * 16 + 16) << length;
     Bytes padded = data;
     padded.insert(padded.end(), 16 - length % 16, static_cast<unsigned char>(16 - length % 16));
-    EXPECT_EQ(SwCrypto::cryptAES_ECB(enciphered, bytes_of(kKey), false), padded) << length;
+    EXPECT_EQ(SwCrypto::cryptAES_ECB(enciphered, bytes_of(kCipherKey), false), padded) << length;
   }
 }
 
@@ -96,12 +95,12 @@ TEST(SwCryptoDecrypt, GivesTheTextBack) {
   for (const std::string& text :
        {std::string("a"), std::string("fifteen bytes.."), std::string("sixteen bytes...."),
         std::string("NUL \0 inside", 12), std::string(1000, '\xFF')}) {
-    EXPECT_EQ(SwCrypto::decryptAES(encipher(text, kKey), kKey), text);
+    EXPECT_EQ(SwCrypto::decryptAES(encipher(text, kCipherKey), kCipherKey), text);
   }
 }
 
 TEST(SwCryptoDecrypt, UsesAKeyOf32BytesAsItIs) {
-  EXPECT_EQ(SwCrypto::decryptAES(encipher("text", kKey), kKey), "text");
+  EXPECT_EQ(SwCrypto::decryptAES(encipher("text", kCipherKey), kCipherKey), "text");
 }
 
 // Digests of FIPS 180-4's SHA-256 over the keys, computed with coreutils' sha256sum.
@@ -110,7 +109,7 @@ TEST(SwCryptoDecrypt, HashesEveryOtherKey) {
       {kShortKey, "9f719d64979a7fea54826a94064abb69e6e60ffc0a30f5d3582b68120d898499"},
       {"", "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
       {"abc", "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
-      {kKey + "w", "6e24e14e80422420eae76be6bfa40b217f3204f7a9595218a24b4ce618f051d8"},
+      {kCipherKey + "w", "6e24e14e80422420eae76be6bfa40b217f3204f7a9595218a24b4ce618f051d8"},
       {std::string("0123456789abcdef"), "9f9f5111f7b27a781f1f1ddde5ebc2dd2b796bfc7365c9c28b548e564176929f"},
   };
   for (const auto& [key, digest] : cases) {
@@ -119,21 +118,21 @@ TEST(SwCryptoDecrypt, HashesEveryOtherKey) {
 }
 
 TEST(SwCryptoDecrypt, NeedsNoBase64Padding) {
-  const std::string text = encipher("text", kKey);
+  const std::string text = encipher("text", kCipherKey);
   ASSERT_EQ(text.substr(text.size() - 2), "==");
-  EXPECT_EQ(SwCrypto::decryptAES(text.substr(0, text.size() - 2), kKey), "text");
+  EXPECT_EQ(SwCrypto::decryptAES(text.substr(0, text.size() - 2), kCipherKey), "text");
 }
 
 TEST(SwCryptoDecrypt, EndsBase64AtTheFirstStrangeCharacter) {
-  const std::string text = encipher("text", kKey);
+  const std::string text = encipher("text", kCipherKey);
   for (const std::string& tail : {std::string("=AAAA"), std::string("-AAAA"), std::string("\nAAAA"),
                                   std::string("\xFF"
                                               "AAAA"),
                                   std::string("\0AAAA", 5)}) {
-    EXPECT_EQ(SwCrypto::decryptAES(text.substr(0, text.size() - 2) + tail, kKey), "text") << tail;
+    EXPECT_EQ(SwCrypto::decryptAES(text.substr(0, text.size() - 2) + tail, kCipherKey), "text") << tail;
   }
   EXPECT_EQ(message_of<std::invalid_argument>(
-                [&] { SwCrypto::decryptAES(text.substr(0, 8) + "*" + text.substr(8), kKey); }),
+                [&] { SwCrypto::decryptAES(text.substr(0, 8) + "*" + text.substr(8), kCipherKey); }),
             "Invalid data size for AES-ECB (must be multiple of 16).")
       << "cut in the middle";
 }
@@ -144,21 +143,21 @@ TEST(SwCryptoDecrypt, ReadsTheWholeBase64Alphabet) {
       bytes_of(
           from_hex("00108310518720928b30d38f41149351559761969b71d79f8218a39259a7a29aabb2dbafc31cb3d35db7e39e"
                    "bbf3dfbf")),
-      bytes_of(kKey), false);
-  EXPECT_EQ(SwCrypto::decryptAES(alphabet, kKey), std::string(plain.begin(), plain.end()));
+      bytes_of(kCipherKey), false);
+  EXPECT_EQ(SwCrypto::decryptAES(alphabet, kCipherKey), std::string(plain.begin(), plain.end()));
 }
 
 TEST(SwCryptoDecrypt, RefusesEmptyData) {
   for (const std::string& text : {std::string(), std::string("="), std::string("*AAAA"), std::string("A")}) {
-    EXPECT_EQ(message_of<std::invalid_argument>([&] { SwCrypto::decryptAES(text, kKey); }),
+    EXPECT_EQ(message_of<std::invalid_argument>([&] { SwCrypto::decryptAES(text, kCipherKey); }),
               "Invalid data: empty.");
   }
 }
 
 std::string decipher_block(const std::string& block) {
   // Padding of its own follows the block; deciphering sees the first block alone.
-  const std::string enciphered = encipher(block, kKey);
-  return SwCrypto::decryptAES(enciphered.substr(0, 22), kKey);
+  const std::string enciphered = encipher(block, kCipherKey);
+  return SwCrypto::decryptAES(enciphered.substr(0, 22), kCipherKey);
 }
 
 TEST(SwCryptoDecrypt, RemovesValidPaddingAlone) {
@@ -174,23 +173,23 @@ TEST(SwCryptoDecrypt, RemovesValidPaddingAlone) {
 }
 
 TEST(SwCryptoDecrypt, MakesGarbageOfAWrongKey) {
-  const std::string text = encipher("text", kKey);
+  const std::string text = encipher("text", kCipherKey);
   const std::string garbage = SwCrypto::decryptAES(text, "another key");
   EXPECT_NE(garbage, "text");
   EXPECT_EQ(garbage.size(), 16U);
 }
 
 TEST(SwStringDecryptAes, GivesTheTextBack) {
-  EXPECT_EQ(SwString(encipher("text", kKey)).decryptAES(kKey), "text");
+  EXPECT_EQ(SwString(encipher("text", kCipherKey)).decryptAES(kCipherKey), "text");
 }
 
 TEST(SwStringDecryptAes, PrintsAFailureAndIsEmpty) {
   testing::internal::CaptureStderr();
-  EXPECT_EQ(SwString("true").decryptAES(kKey), "");
+  EXPECT_EQ(SwString("true").decryptAES(kCipherKey), "");
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "Decryption error: Invalid data size for AES-ECB (must be multiple of 16).\n");
   testing::internal::CaptureStderr();
-  EXPECT_EQ(SwString("").decryptAES(kKey), "");
+  EXPECT_EQ(SwString("").decryptAES(kCipherKey), "");
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "Decryption error: Invalid data: empty.\n");
 }
 

@@ -6,10 +6,8 @@
 
 namespace {
 
-const std::string kKey = "0123456789abcdefghijklmnopqrstuv";
-
 std::string enciphered(const std::string& text) {
-  return encipher(text, kKey);
+  return encipher(text, kCipherKey);
 }
 
 std::string quoted(const std::string& text) {
@@ -24,7 +22,7 @@ struct EncipheredCase {
 // What a document gives, with no error and nothing printed.
 std::string value_of(const std::string& document) {
   testing::internal::CaptureStderr();
-  const Parsed parsed = parse_text(document, kKey);
+  const Parsed parsed = parse_text(document, kCipherKey);
   EXPECT_EQ(parsed.error, "") << document;
   EXPECT_EQ(parsed.index, document.size()) << document;
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << document;
@@ -95,7 +93,7 @@ TEST(SwJsonEnciphered, ReadsWholeDocuments) {
 TEST(SwJsonEnciphered, EndsTokensAtBracketsCommasAndWhiteSpace) {
   const std::string token = enciphered("12");
   for (const char* end : {"]", "}", ",", " ", "\t", "\n", "\v", "\f", "\r"}) {
-    const Parsed parsed = parse_text(token + end, kKey);
+    const Parsed parsed = parse_text(token + end, kCipherKey);
     EXPECT_EQ(describe(parsed.value), "i:12");
     EXPECT_EQ(parsed.index, token.size());
   }
@@ -126,7 +124,7 @@ TEST(SwJsonEnciphered, MakesPlainValuesEmptyTextsWithALineEach) {
   };
   for (const auto& [document, line] : cases) {
     testing::internal::CaptureStderr();
-    const Parsed parsed = parse_text(document, kKey);
+    const Parsed parsed = parse_text(document, kCipherKey);
     EXPECT_EQ(describe(parsed.value), document[0] == '[' ? "[s:\"\"]" : "s:\"\"") << document;
     EXPECT_EQ(parsed.error, "") << document;
     EXPECT_EQ(parsed.index, std::string(document).size()) << document;
@@ -136,7 +134,7 @@ TEST(SwJsonEnciphered, MakesPlainValuesEmptyTextsWithALineEach) {
 
 TEST(SwJsonEnciphered, PrintsAQuotedNumberOutOfRangeDeciphered) {
   testing::internal::CaptureStderr();
-  EXPECT_EQ(describe(parse_text(quoted("5000000000"), kKey).value), "i:0");
+  EXPECT_EQ(describe(parse_text(quoted("5000000000"), kCipherKey).value), "i:0");
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "Invalid int conversion in SwString: 5000000000\n");
 }
 
