@@ -131,8 +131,7 @@ std::vector<std::string> splitPath(std::string path) {
 bool getValue(const SwJsonObject& object, const std::string& path, SwJsonValue& out) {
   const SwJsonValue* found = find_value(object, path);
   if (found == nullptr) return false;
-  SwJsonValue copy(*found);  // `out` may be a part of the tree
-  out = std::move(copy);
+  out = *found;
   return true;
 }
 
