@@ -5,9 +5,11 @@
 #include <string>
 #include <vector>
 
+#include "json_core/nested_json.h"
 #include "ostrel_plugin/config_documents.h"
 #include "ostrel_plugin/src/ostrel_config.h"
 #include "ostrel_plugin/src/ostrel_config_io.h"
+#include "support/stack_thread.h"
 
 namespace {
 
@@ -136,6 +138,18 @@ TEST_F(ConfigApply, ReportsOneChangeAmongRepetitions) {
   EXPECT_TRUE(changes(R"({"engine":{"tracker_engine_path":"first"},"debug":{"log_every_n_frames":6}})"));
 }
 
+TEST_F(ConfigApply, WalksADeepDocumentOnADefaultStack) {
+  ostrel_test::run_on_stack(ostrel_test::kDefaultStackBytes, [this] {
+    for (const Nesting shape : {Nesting::kArrays, Nesting::kObjects, Nesting::kMixed}) {
+      const std::string deep = nested_json(shape, OSTREL_TEST_NESTING_LEVELS - 2);
+      EXPECT_FALSE(changes(R"({"other":)" + deep + R"(,"processing":{"frame_scale":)" + deep +
+                           R"(,"search_scales":)" + deep + "}}"));
+      EXPECT_TRUE(changes(R"({"target":{"class_id":)" + std::to_string(static_cast<int>(shape)) +
+                          R"(,"other":)" + deep + "}}"));
+    }
+  });
+}
+
 // A text can bring a NaN; it passes every bound, and since it equals nothing it counts as a change each time.
 TEST_F(ConfigApply, StoresANanAndReportsItAtEachRepetition) {
   const std::string text = R"({"learning":{"learning_rate":"nan"}})";
@@ -199,6 +213,15 @@ TEST_F(ConfigApplyScales, StayAsTheyAreForAListThatHoldsNone) {
   document.root.object_value->members["processing"]
       .object_value->members["search_scales"]
       .array_value.reset();
+  EXPECT_FALSE(apply(document, config_));
+  EXPECT_EQ(config_.search_scales.size(), 3U);
+}
+
+TEST_F(ConfigApplyScales, StayAsTheyAreWhereTheKindDisownsTheHeldList) {
+  SwJsonDocument document = parsed_document(R"({"processing":{"search_scales":[1]}})");
+  SwJsonValue& value =
+      document.root.object_value->members["processing"].object_value->members["search_scales"];
+  value.kind = SwJsonValue::Kind::Object;
   EXPECT_FALSE(apply(document, config_));
   EXPECT_EQ(config_.search_scales.size(), 3U);
 }
