@@ -1,7 +1,9 @@
 #include <cublas_v2.h>
 
+#include <chrono>
 #include <cmath>
 #include <random>
+#include <thread>
 #include <vector>
 
 #include "platform/host_cuda/host_cuda_test.h"
@@ -185,6 +187,62 @@ TEST_F(Cublas, RefusesMemoryThatIsNotTheDevices) {
   EXPECT_EQ(multiply(p, d, d, d + 5), CUBLAS_STATUS_EXECUTION_FAILED) << "C leaves its allocation";
   const Problem batch = {false, false, 2, 2, 2, 0, 0, 0, true, 1.0F, 0.0F, 2};
   EXPECT_EQ(multiply(batch, d, d, d), CUBLAS_STATUS_EXECUTION_FAILED) << "the last A leaves its allocation";
+}
+
+TEST_F(Cublas, ReadsTheScalarsAtTheCall) {
+  const DeviceArray<float> memory(std::vector<float>(3, 2.0F));
+  float* d = memory.data();
+  ASSERT_EQ(
+      enqueue(stream_, "work before it", [] { std::this_thread::sleep_for(std::chrono::milliseconds(20)); }),
+      cudaSuccess);
+  float alpha = 3.0F;
+  float beta = 0.5F;
+  ASSERT_EQ(cublasSgemmStridedBatched(handle_, CUBLAS_OP_N, CUBLAS_OP_N, 1, 1, 1, &alpha, d, 1, 0, d + 1, 1,
+                                      0, &beta, d + 2, 1, 0, 1),
+            CUBLAS_STATUS_SUCCESS);
+  alpha = beta = 100.0F;
+  ASSERT_EQ(cudaStreamSynchronize(stream_), cudaSuccess);
+  EXPECT_EQ(memory.on_host()[2], 13.0F);
+}
+
+TEST_F(Cublas, WorksInTheOrderOfItsStreamWithoutWaiting) {
+  const std::vector<float> ones(4, 1.0F);
+  const DeviceArray<float> a(std::vector<float>(4, 100.0F)), b(ones), c(ones), copy(ones);
+  const Problem p = {false, false, 2, 2, 2, 0, 0, 0, true, 1.0F, 0.0F, 1};
+  ASSERT_EQ(
+      enqueue(stream_, "slow producer", [] { std::this_thread::sleep_for(std::chrono::milliseconds(20)); }),
+      cudaSuccess);
+  ASSERT_EQ(cudaMemcpyAsync(a.data(), ones.data(), 16, cudaMemcpyHostToDevice, stream_), cudaSuccess);
+  reset_counters();
+  ASSERT_EQ(multiply(p, a.data(), b.data(), c.data()), CUBLAS_STATUS_SUCCESS);
+  EXPECT_EQ(counters().synchronisations, 0);
+  ASSERT_EQ(cudaMemcpyAsync(copy.data(), c.data(), 16, cudaMemcpyDeviceToDevice, stream_), cudaSuccess);
+  ASSERT_EQ(cudaStreamSynchronize(stream_), cudaSuccess);
+  EXPECT_EQ(copy.on_host(), std::vector<float>(4, 2.0F));
+}
+
+TEST_F(Cublas, FailsWithTheStatusOfAFaultAndWithoutEffect) {
+  const DeviceArray<float> memory(std::vector<float>(12, 1.0F));
+  const Problem p = {false, false, 2, 2, 2, 0, 0, 0, false, 1.0F, 0.0F, 1};
+  cublasHandle_t unmade = nullptr;
+  for (const cublasStatus_t status :
+       {CUBLAS_STATUS_NOT_INITIALIZED, CUBLAS_STATUS_ALLOC_FAILED, CUBLAS_STATUS_LICENSE_ERROR}) {
+    fail_call("cublasCreate", 1, status);
+    EXPECT_EQ(cublasCreate(&unmade), status);
+    fail_call("cublasSetStream", 1, status);
+    EXPECT_EQ(cublasSetStream(handle_, nullptr), status);
+    fail_call("cublasSgemmStridedBatched", 1, status);
+    EXPECT_EQ(multiply(p, memory.data(), memory.data(), memory.data() + 8), status);
+    fail_call("cublasDestroy", 1, status);
+    EXPECT_EQ(cublasDestroy(handle_), status);
+  }
+  EXPECT_EQ(unmade, nullptr);
+  ASSERT_EQ(cudaStreamSynchronize(stream_), cudaSuccess);
+  EXPECT_EQ(memory.on_host(), std::vector<float>(12, 1.0F));
+  // The handle lives, and still works on its stream.
+  reset_counters();
+  EXPECT_EQ(multiply(p, memory.data(), memory.data(), memory.data() + 8), CUBLAS_STATUS_SUCCESS);
+  EXPECT_EQ(counters().null_stream_work, 0);
 }
 
 TEST_F(Cublas, RefusesHandlesThatAreNotAlive) {
