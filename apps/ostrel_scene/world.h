@@ -49,6 +49,7 @@ struct Direction {
 
 class World {
  public:
+  // The options must satisfy why_invalid(). Takes about a second: all that stands is drawn here.
   explicit World(const WorldOptions& options);
   ~World();
 
@@ -65,5 +66,8 @@ class World {
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };
+
+// Empty for usable options, else what is wrong with them.
+std::string why_invalid(const WorldOptions& options);
 
 }  // namespace ostrel_scene
