@@ -163,6 +163,7 @@ TEST_F(AlgoDropPreposition, SaysNothingWhereThereIsNoTarget) {
 TEST_F(AlgoDropPreposition, KeepsTheTargetThroughOtherChanges) {
   waitForAlignment();
   configure("target/class_id", "3");
+  EXPECT_EQ(asked().calls.back(), "updateConfig");  // a tracker that waits takes settings too
   EXPECT_TRUE(Access::haveTarget(*algo));
   EXPECT_EQ(phase(), "waiting_alignment");
   EXPECT_EQ(status(), "wait_alignment");

@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <sstream>
 
 #include "ostrel_plugin/src/ostrel_config_io.h"
+#include "support/document_tables.h"
 
 namespace ostrel_test {
 namespace {
@@ -14,22 +14,6 @@ using nlohmann::ordered_json;
 
 ordered_json member_or_null(const ordered_json& leaf, const char* name) {
   return leaf.contains(name) ? leaf.at(name) : ordered_json();
-}
-
-std::string trimmed(const std::string& text) {
-  const std::size_t begin = text.find_first_not_of(" `");
-  if (begin == std::string::npos) return "";
-  return text.substr(begin, text.find_last_not_of(" `") - begin + 1);
-}
-
-// The cells of "| a | b |"; none for any other line.
-std::vector<std::string> cells_of(const std::string& line) {
-  std::vector<std::string> cells;
-  std::istringstream stream(line);
-  std::string cell;
-  if (!std::getline(stream, cell, '|') || !cell.empty()) return cells;
-  while (std::getline(stream, cell, '|')) cells.push_back(trimmed(cell));
-  return cells;
 }
 
 DocumentedSetting documented_setting(const std::vector<std::string>& cells) {
@@ -79,11 +63,10 @@ std::string document_text(const std::string& path, const ordered_json& value) {
 }
 
 std::vector<DocumentedSetting> documented_settings() {
-  std::ifstream page(OSTREL_DOCS "/configuration.md");
-  EXPECT_TRUE(page.is_open());
+  std::istringstream page(repository_text("docs/configuration.md"));
   std::vector<DocumentedSetting> settings;
   for (std::string line; std::getline(page, line);) {
-    const std::vector<std::string> cells = cells_of(line);
+    const std::vector<std::string> cells = table_cells(line);
     if (cells.size() == 6 && line.rfind("| `", 0) == 0 && cells[0].find('/') != std::string::npos) {
       settings.push_back(documented_setting(cells));
     }
