@@ -1,6 +1,7 @@
 #pragma once
 
 #include <IAlgoPlugin.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <optrix/optrix_picture.h>
 #include <ostrel_scene/scene.h>
@@ -13,6 +14,8 @@
 #include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
+#include <type_traits>
+#include <variant>
 #include <vector>
 
 #include "support/temporary_folder.h"
@@ -57,6 +60,26 @@ inline double overlap(const BBox& a, const cv::Rect2d& b) {
   return common / (box.area() + b.area() - common);
 }
 
+/// A value of an answer as JSON; objects lose the order of their members.
+inline nlohmann::json asJson(const AlgoValue& value) {
+  return std::visit(
+      [](const auto& held) -> nlohmann::json {
+        using Held = std::decay_t<decltype(held)>;
+        if constexpr (std::is_same_v<Held, AlgoValue::Object>) {
+          nlohmann::json object = nlohmann::json::object();
+          for (const auto& [key, member] : held) object[key] = asJson(member);
+          return object;
+        } else if constexpr (std::is_same_v<Held, AlgoValue::Array>) {
+          nlohmann::json array = nlohmann::json::array();
+          for (const auto& element : held) array.push_back(asJson(element));
+          return array;
+        } else {
+          return held;
+        }
+      },
+      value.value);
+}
+
 /// The library through the host's loader, driven as a host does.
 class DrivenPlugin {
  public:
@@ -67,6 +90,14 @@ class DrivenPlugin {
     plugin_->init({picture}, roi, &ok);
     return ok;
   }
+  /// The same for a start that has to be accepted; its outputs.
+  std::vector<AlgoOutput> start(const PicturePtr& picture, const BBox& roi) {
+    bool ok = false;
+    const auto outputs = plugin_->init({picture}, roi, &ok);
+    EXPECT_TRUE(ok);
+    return outputs;
+  }
+  void set(const nlohmann::json& document) { plugin_->setConfig(document.dump()); }
   /// The boxes of one frame.
   std::vector<BBox> update(const std::vector<PicturePtr>& pictures) {
     bool ok = false;
