@@ -8,6 +8,7 @@
 #include "accuracy.h"
 #include "bad_input.h"
 #include "render_command.h"
+#include "schema_command.h"
 #include "track_command.h"
 
 namespace {
@@ -19,6 +20,7 @@ constexpr int kExitFailure = 1;
 struct Commands {
   TrackOptions track;
   RenderOptions render;
+  SchemaOptions schema;
   std::string scene_size;
   std::string boxes;
   std::string truth;
@@ -66,6 +68,13 @@ CLI::App* declare_score(CLI::App* app, Commands* commands) {
   return score;
 }
 
+CLI::App* declare_schema(CLI::App* app, SchemaOptions* options) {
+  CLI::App* schema = app->add_subcommand("schema", "Print the settings that --config and --set take");
+  schema->add_flag("--properties", options->properties, "What the plug-in tells of its state instead");
+  schema->add_option("--plugin", options->plugin, "The plug-in (default ../lib/libostrel_plugin.so)");
+  return schema;
+}
+
 int run_score(const std::string& boxes_file, const std::string& truth_file) {
   const auto boxes = read_boxes(boxes_file);
   const auto truth = read_boxes(truth_file);
@@ -81,9 +90,11 @@ int run(CLI::App* app, int argc, char** argv) {
   Commands commands;
   CLI::App* track = declare_track(app, &commands.track);
   CLI::App* render = declare_render(app, &commands);
+  const CLI::App* schema = declare_schema(app, &commands.schema);
   declare_score(app, &commands);
   app->parse(argc, argv);
   if (track->parsed()) return run_track(commands.track);
+  if (schema->parsed()) return run_schema(commands.schema);
   if (!render->parsed()) return run_score(commands.boxes, commands.truth);
   if (!commands.scene_size.empty()) parse_size(commands.scene_size, &commands.render.scene);
   return run_render(commands.render);

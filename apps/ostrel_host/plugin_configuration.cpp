@@ -1,10 +1,12 @@
 #include "plugin_configuration.h"
 
+#include <algorithm>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 #include "bad_input.h"
-#include "plugin_state.h"
+#include "configuration_check.h"
 
 namespace ostrel_host {
 namespace {
@@ -12,12 +14,20 @@ namespace {
 using nlohmann::json;
 
 json read_document(const std::string& file) {
-  std::ifstream stream(file);
+  std::ifstream stream(file, std::ios::binary);
   if (!stream) throw BadInput("the configuration '" + file + "' cannot be read");
-  json document = json::parse(stream, nullptr, false);
-  if (document.is_discarded()) throw BadInput("the configuration '" + file + "' is malformed JSON");
-  if (!document.is_object()) throw BadInput("the configuration '" + file + "' is no JSON object");
-  return document;
+  const std::string text{std::istreambuf_iterator<char>(stream), {}};
+  try {
+    json document = json::parse(text);
+    if (!document.is_object()) throw BadInput("the configuration '" + file + "' is no JSON object");
+    return document;
+  } catch (const json::parse_error& failure) {
+    const auto end = text.begin() + static_cast<std::ptrdiff_t>(std::min(failure.byte, text.size()));
+    throw BadInput("the configuration '" + file + "' is malformed JSON at line " +
+                   std::to_string(1 + std::count(text.begin(), end, '\n')));
+  } catch (const json::out_of_range&) {
+    throw BadInput("the configuration '" + file + "' holds a number that is too large");
+  }
 }
 
 std::vector<std::string> parts_of(const std::string& path) {
@@ -31,49 +41,13 @@ std::vector<std::string> parts_of(const std::string& path) {
 
 void add_setting(const std::string& setting, json* document) {
   const std::size_t equals = setting.find('=');
-  const auto parts = parts_of(setting.substr(0, equals));
-  if (equals == std::string::npos || parts.empty()) {
+  const std::string path = setting.substr(0, equals);
+  if (equals == std::string::npos || parts_of(path).empty()) {
     throw BadInput("'" + setting + "' is no setting: path=value is needed");
   }
   const std::string text = setting.substr(equals + 1);
   json value = json::parse(text, nullptr, false);
-  if (value.is_discarded()) value = text;
-  json* place = document;
-  for (const std::string& part : parts) {
-    if (!place->is_object()) *place = json::object();
-    place = &(*place)[part];
-  }
-  *place = std::move(value);
-}
-
-// Throws for the first member of `document` that `schema` has no property for.
-void require_known(const json& document, const json& schema, const std::string& path) {
-  const auto properties = schema.find("properties");
-  if (properties == schema.end() || !properties->is_object() || !document.is_object()) return;
-  for (const auto& [key, value] : document.items()) {
-    std::string here = path;
-    if (!here.empty()) here += '/';
-    here += key;
-    const auto known = properties->find(key);
-    if (known == properties->end()) throw BadInput("the plug-in knows no setting '" + here + "'");
-    require_known(value, *known, here);
-  }
-}
-
-int log_period(IAlgoPlugin& plugin) {
-  return parse_state(plugin.property("")).properties.value("debug_log_period", 0);
-}
-
-void set_log_period(IAlgoPlugin& plugin, int period) {
-  plugin.setConfig(json{{"debug", {{"log_every_n_frames", period}}}}.dump());
-}
-
-bool takes_configurations(IAlgoPlugin& plugin) {
-  const int before = log_period(plugin);
-  set_log_period(plugin, before + 1);
-  const bool taken = log_period(plugin) == before + 1;
-  set_log_period(plugin, before);
-  return taken;
+  set_value(document, path, value.is_discarded() ? json(text) : std::move(value));
 }
 
 }  // namespace
@@ -84,17 +58,24 @@ json build_configuration(const std::string& file, const std::vector<std::string>
   return document;
 }
 
+void set_value(json* document, const std::string& path, json value) {
+  json* place = document;
+  for (const std::string& part : parts_of(path)) {
+    if (!place->is_object()) *place = json::object();
+    place = &(*place)[part];
+  }
+  *place = std::move(value);
+}
+
 void apply_configuration(IAlgoPlugin& plugin, const json& document) {
   if (document.empty()) return;
   const json schema = json::parse(plugin.getConfigList(), nullptr, false);
-  if (schema.is_object()) require_known(document, schema, "");
+  if (!schema.is_object()) throw BadInput("the plug-in describes its settings by no JSON object");
+  check_configuration(document, schema);
   try {
-    if (!takes_configurations(plugin)) {
-      throw BadInput("this plug-in takes no configuration: setConfig changed nothing");
-    }
     plugin.setConfig(document.dump());
-  } catch (const BadInput&) {
-    throw;
+  } catch (const json::type_error&) {
+    throw BadInput("a setting holds text that is no UTF-8");
   } catch (const std::exception& failure) {
     throw BadInput(std::string("the plug-in refused the configuration: ") + failure.what());
   }

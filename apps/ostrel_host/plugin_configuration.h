@@ -14,10 +14,11 @@ namespace ostrel_host {
 // read, text that is no JSON object, and a setting without a path or "=".
 nlohmann::json build_configuration(const std::string& file, const std::vector<std::string>& settings);
 
-// Hands a document to `setConfig`. Throws BadInput for a setting that the plug-in's schema does not know, for what
-// setConfig throws, and where the plug-in does not take configurations at all: setConfig has no answer of its own,
-// so `debug/log_every_n_frames`, which `property` shows, is changed and set back to see. An empty document does
-// nothing.
+// Puts a value where a path such as "learning/update_iterations" leads; what stands in the way is replaced.
+void set_value(nlohmann::json* document, const std::string& path, nlohmann::json value);
+
+// Hands a document to `setConfig`. Throws BadInput for a setting that the plug-in's schema does not allow
+// (`check_configuration`) and for what setConfig throws. An empty document does nothing.
 void apply_configuration(IAlgoPlugin& plugin, const nlohmann::json& document);
 
 }  // namespace ostrel_host

@@ -43,8 +43,7 @@ double PluginSession::start(const Frame& frame, const BBox& region) {
   plugin_.init(pictures, region, &ok);
   const double init_ms = milliseconds_since(start);
   if (!ok) {
-    throw BadInput("the plug-in refused the region " + to_text(region) + ": " +
-                   parse_state(plugin_.property("")).status);
+    throw BadInput("the plug-in refused the region " + to_text(region) + ": " + state().status);
   }
   return init_ms;
 }
@@ -59,8 +58,12 @@ StepResult PluginSession::step(const Frame& frame) {
   result.update_ms = milliseconds_since(start);
   if (startup_log_ != nullptr) startup_log_->after_update();
   result.published = published_detection(outputs);
-  result.state = parse_state(plugin_.property(""));
+  result.state = state();
   return result;
+}
+
+PluginState PluginSession::state() const {
+  return parse_state(plugin_.property(""));
 }
 
 bool PluginSession::armed(const PluginState& state) {

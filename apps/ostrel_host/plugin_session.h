@@ -33,6 +33,9 @@ class PluginSession {
   // Calls `update` without a picture until no start-up runs any more. For the end of a clip.
   StepResult settle();
 
+  // What the plug-in says of itself now.
+  PluginState state() const;
+
   // Whether tracking is armed. Throws BadInput with the cause once the start-up has failed.
   bool armed(const PluginState& state);
 

@@ -23,8 +23,10 @@ namespace ostrel_host {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using nlohmann::json;
 
 constexpr char kEngineVariable[] = "OSTREL_TRACKER_ATOM_TRT_ENGINE";
+constexpr char kEngineSetting[] = "engine/tracker_engine_path";
 constexpr std::chrono::milliseconds kWaitInterval{2};
 constexpr double kDefaultVideoRate = 25.0;
 
@@ -39,9 +41,24 @@ double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-bool wants_debug(const TrackOptions& options, const nlohmann::json& configuration) {
-  const auto path = nlohmann::json::json_pointer("/debug/enabled");
+bool wants_debug(const TrackOptions& options, const json& configuration) {
+  const auto path = json::json_pointer("/debug/enabled");
   return options.debug || (configuration.contains(path) && configuration.at(path) == true);
+}
+
+// The variable outranks the setting, so it must not outrank the command line.
+void use_engine(const std::string& engine, json* configuration) {
+  if (engine.empty()) return;
+  unsetenv(kEngineVariable);
+  set_value(configuration, kEngineSetting, engine);
+}
+
+// The engine that was asked for; null: the plug-in's own default.
+json engine_in_use(const json& configuration) {
+  const char* variable = std::getenv(kEngineVariable);
+  if (variable != nullptr && *variable != '\0') return variable;
+  const auto path = json::json_pointer(std::string("/") + kEngineSetting);
+  return configuration.contains(path) ? configuration.at(path) : nullptr;
 }
 
 double video_rate(const TrackOptions& options, const FrameSource& source) {
@@ -60,11 +77,12 @@ Frame first_frame(FrameSource& source, const std::string& name) {
 // A run from its first frame to its summary.
 class TrackRun {
  public:
-  TrackRun(const TrackOptions& options, FrameSource& source, LoadedPlugin& plugin, bool debug)
+  TrackRun(const TrackOptions& options, const json& configuration, FrameSource& source, LoadedPlugin& plugin)
       : options_(options),
+        configuration_(configuration),
         source_(source),
         plugin_(plugin),
-        session_(*plugin, debug),
+        session_(*plugin, wants_debug(options, configuration)),
         files_(options.out),
         progress_(frames_expected()) {}
 
@@ -163,22 +181,23 @@ class TrackRun {
   }
 
   nlohmann::ordered_json summary() const {
-    const char* engine = std::getenv(kEngineVariable);
     nlohmann::ordered_json object;
     object["source"] = options_.source;
     object["frame_width"] = frame_size_px_.width;
     object["frame_height"] = frame_size_px_.height;
     object["roi"] = {region_.x, region_.y, region_.w, region_.h};
     object["plugin"] = plugin_.path();
-    object["engine"] = engine == nullptr ? nlohmann::ordered_json(nullptr) : nlohmann::ordered_json(engine);
+    object["engine"] = engine_in_use(configuration_);
+    object["configuration"] = configuration_;
     object["wait_ready"] = options_.wait_ready;
     object["paced_fps"] = options_.frame_rate > 0.0 ? nlohmann::ordered_json(options_.frame_rate) : nullptr;
     object.update(statistics_.to_json());
-    object["property"] = last_state_.properties;
+    object["properties"] = session_.state().properties;
     return object;
   }
 
   const TrackOptions& options_;
+  const json& configuration_;
   FrameSource& source_;
   LoadedPlugin& plugin_;
   PluginSession session_;
@@ -198,17 +217,17 @@ class TrackRun {
 
 int run_track(const TrackOptions& options) {
   const BBox region = parse_region(options.region);
-  const nlohmann::json configuration = build_configuration(options.config_file, options.settings);
+  json configuration = build_configuration(options.config_file, options.settings);
+  use_engine(options.engine, &configuration);
   if (!options.groundtruth.empty()) read_boxes(options.groundtruth);
   const std::unique_ptr<FrameSource> source = open_source(options.source);
   Frame first = first_frame(*source, options.source);
   require_inside(region, first.image.size());
-  if (!options.engine.empty()) setenv(kEngineVariable, options.engine.c_str(), 1);
 
   LoadedPlugin plugin(options.plugin.empty() ? default_plugin_path() : options.plugin);
   apply_configuration(*plugin, configuration);
   stop_on_interrupt();
-  TrackRun(options, *source, plugin, wants_debug(options, configuration)).run(std::move(first), region);
+  TrackRun(options, configuration, *source, plugin).run(std::move(first), region);
   return 0;
 }
 

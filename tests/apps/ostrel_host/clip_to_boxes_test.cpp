@@ -59,7 +59,7 @@ TEST_F(ClipToBoxes, FollowsTheRenderedTarget) {
   EXPECT_GT(report.success_auc, 0.5);
   EXPECT_GT(report.precision_20px, 0.9);
   EXPECT_GE(summary()["statuses"]["track_ok"].get<int>(), 45);
-  EXPECT_EQ(summary()["property"]["stats"]["track_fail"], 0);
+  EXPECT_EQ(summary()["properties"]["stats"]["track_fail"], 0);
   EXPECT_TRUE(std::filesystem::file_size(folder_.path() / "out/annotated.mp4") > 1000);
 }
 
@@ -107,6 +107,64 @@ TEST_F(ClipToBoxes, TracksInTinyAndOddFrames) {
   EXPECT_EQ(outcome.exit_code, 0) << outcome.err;
   EXPECT_EQ(lines().size(), 3u);
   EXPECT_EQ(lines()[2]["phase"], "ready");
+}
+
+TEST_F(ClipToBoxes, TracksWithAConfigurationFileAndSettings) {
+  const std::string clip = rendered("clip.mp4", {320, 200, 8, 1});
+  const std::string config = folder_.file(
+      "c.json", nlohmann::json{{"engine", {{"tracker_engine_path", engine()}}},
+                               {"processing", {{"frame_scale", 0.5}, {"search_scales", {0.95, 1.0}}}},
+                               {"runtime", {{"dead_timeout_s", 7}}}}
+                    .dump());
+  const Outcome outcome =
+      track(clip, "--roi " + first_box() + " --wait-ready --no-video --config " + config +
+                      " --set runtime/dead_timeout_s=42.5 --set debug/log_every_n_frames=9");
+  ASSERT_EQ(outcome.exit_code, 0) << outcome.err;
+  const nlohmann::json properties = summary()["properties"];
+  EXPECT_EQ(properties["tracking_dead_timeout_s"], 42.5);
+  EXPECT_EQ(properties["debug_log_period"], 9);
+  EXPECT_EQ(properties["tracker_input_width"], 160);
+  EXPECT_EQ(properties["stats"]["track_ok"], 8);
+  EXPECT_EQ(summary()["engine"], engine());
+  EXPECT_EQ(summary()["configuration"]["processing"]["frame_scale"], 0.5);
+}
+
+TEST_F(ClipToBoxes, RefusesASettingThatThePluginWouldBend) {
+  const std::string clip = rendered("clip.mp4", {128, 96, 4, 1});
+  const struct {
+    const char* setting;
+    const char* message;
+  } rows[] = {
+      {"learning/update_iterations=500",
+       "the setting 'learning/update_iterations' is 500: 1 to 100 is allowed"},
+      {"learning/update_iterations=2.5",
+       "the setting 'learning/update_iterations' is 2.5: a whole number is needed"},
+      {"processing/frame_scale=0.3", "the setting 'processing/frame_scale' is 0.3: 0.4 to 1.0 is allowed"},
+      {"processing/search_scales=1.0",
+       "the setting 'processing/search_scales' is 1.0: a list of numbers is needed"},
+      {"scale/enable_scale_predictor=1",
+       "the setting 'scale/enable_scale_predictor' is 1: true or false is needed"},
+      {"learning/sample_memory_size=9", "the plug-in knows no setting 'learning/sample_memory_size'"},
+      {"learning=9", "the setting 'learning' is 9: a group of settings is needed"},
+  };
+  for (const auto& row : rows) {
+    const Outcome outcome = track(clip, "--roi 40,30,20,20 --set " + std::string(row.setting));
+    EXPECT_EQ(outcome.exit_code, 2);
+    EXPECT_EQ(outcome.err, std::string("ostrel_host: ") + row.message + "\n");
+    EXPECT_EQ(outcome.out, "");
+  }
+}
+
+TEST_F(ClipToBoxes, PrintsTheSchemasOfThePlugin) {
+  const Outcome settings = run("schema");
+  ASSERT_EQ(settings.exit_code, 0) << settings.err;
+  const auto schema = nlohmann::json::parse(settings.out);
+  EXPECT_EQ(schema["title"], "Ostrel Tracker");
+  EXPECT_EQ(schema["properties"].size(), 12U);
+  EXPECT_EQ(schema["properties"]["learning"]["properties"]["update_iterations"]["default"], 45);
+  const Outcome properties = run("schema --properties");
+  ASSERT_EQ(properties.exit_code, 0) << properties.err;
+  EXPECT_TRUE(nlohmann::json::parse(properties.out)["properties"].contains("runtime_status"));
 }
 
 TEST_F(ClipToBoxes, EndsInOneLineWhereTheEngineCannotBeUsed) {

@@ -38,13 +38,11 @@ class FakePlugin : public IAlgoPlugin {
   std::string getPropertyList() override { return "{}"; }
   void setProperty(std::string, std::string) override {}
   std::string property(std::string) override {
-    return nlohmann::json{{"init_phase", phase}, {"runtime_status", status}, {"debug_log_period", log_period}}
-        .dump();
+    return nlohmann::json{{"init_phase", phase}, {"runtime_status", status}}.dump();
   }
 
   bool accepts_init = true;
   bool debug = false;
-  int log_period = 5;
   std::string phase = "idle";
   std::string status = "idle";
   std::string schema = "{}";

@@ -55,6 +55,7 @@ TEST_F(Program, LeavesAllResultsOfAClip) {
   EXPECT_EQ(summary()["frame_width"], 128);
   EXPECT_EQ(summary()["roi"], json({10, 20, 30, 40}));
   EXPECT_EQ(summary()["engine"], "some.engine");
+  EXPECT_EQ(summary()["configuration"], json::parse(R"({"engine":{"tracker_engine_path":"some.engine"}})"));
   EXPECT_EQ(summary()["wait_ready"], false);
   EXPECT_EQ(summary()["statuses"]["track_fail_hold"], 2);
   EXPECT_EQ(summary()["warm_up_update_ms"]["count"], 2);
@@ -68,6 +69,57 @@ TEST_F(Program, LeavesAllResultsOfAClip) {
   EXPECT_EQ(pictures, 12);
   EXPECT_NE(outcome.out.find("12 frames of 128x96"), std::string::npos);
   EXPECT_NE(outcome.out.find("status: track_ok 8, track_fail_hold 2"), std::string::npos);
+}
+
+TEST_F(Program, HandsConfigAndSettingsToThePlugin) {
+  const std::string config =
+      folder_.file("c.json", R"({"learning":{"update_iterations":7},"engine":{"tracker_engine_path":"a"}})");
+  const Outcome outcome = track(clip(), "--roi 10,20,30,40 --no-video --frames 3 --config " + config +
+                                            " --set learning/update_iterations=9 --set debug/enabled=true");
+  EXPECT_EQ(outcome.exit_code, 0) << outcome.err;
+  const json expected = json::parse(
+      R"({"learning":{"update_iterations":9},"engine":{"tracker_engine_path":"a"},"debug":{"enabled":true}})");
+  EXPECT_EQ(summary()["properties"]["told"], expected);
+  EXPECT_EQ(summary()["configuration"], expected);
+  EXPECT_EQ(summary()["engine"], "a");
+}
+
+TEST_F(Program, WritesThePropertiesOfTheEnd) {
+  EXPECT_EQ(track(clip(), "--roi 10,20,30,40 --no-video").exit_code, 0);
+  EXPECT_EQ(summary()["properties"]["calls"], 12);
+  EXPECT_EQ(summary()["properties"]["runtime_status"], lines().back()["status"]);
+  EXPECT_EQ(summary()["properties"]["told"], json::object());
+  // A start-up that the clip's end finds running goes on after its last frame.
+  EXPECT_EQ(track(clip(), "--roi 10,20,30,40 --no-video --frames 2").exit_code, 0);
+  EXPECT_GT(summary()["properties"]["calls"], 2);
+  EXPECT_EQ(summary()["properties"]["init_phase"], "ready");
+}
+
+TEST_F(Program, TakesTheEngineOfTheCommandLineBeforeAnyOther) {
+  ::setenv("OSTREL_TRACKER_ATOM_TRT_ENGINE", "of_the_environment", 1);
+  const std::string words =
+      "--roi 10,20,30,40 --no-video --frames 3 --set engine/tracker_engine_path=of_a_setting";
+  EXPECT_EQ(track(clip(), words).exit_code, 0);
+  EXPECT_EQ(summary()["engine"], "of_the_environment") << "it outranks the setting";
+  EXPECT_EQ(track(clip(), words + " --engine mine").exit_code, 0);
+  ::unsetenv("OSTREL_TRACKER_ATOM_TRT_ENGINE");
+  EXPECT_EQ(summary()["engine"], "mine");
+  EXPECT_EQ(summary()["properties"]["told"]["engine"]["tracker_engine_path"], "mine");
+  EXPECT_TRUE(summary()["properties"]["variable"].is_null());
+  EXPECT_EQ(track(clip(), "--roi 10,20,30,40 --no-video --frames 3").exit_code, 0);
+  EXPECT_TRUE(summary()["engine"].is_null());
+}
+
+TEST_F(Program, PrintsTheSchemas) {
+  const std::string plugin = std::string(" --plugin ") + OSTREL_SCRIPTED_PLUGIN;
+  const Outcome settings = run("schema" + plugin);
+  EXPECT_EQ(settings.exit_code, 0) << settings.err;
+  EXPECT_EQ(settings.out.substr(0, 2), "{\"");
+  EXPECT_EQ(settings.out.substr(settings.out.size() - 2), "}\n");
+  EXPECT_TRUE(json::parse(settings.out)["properties"].contains("learning"));
+  EXPECT_EQ(run("schema --properties" + plugin).out, "{\"title\":\"scripted\"}\n");
+  expect_bad_input(run("schema --plugin " + folder_.path("none.so")),
+                   "no plug-in at '" + folder_.path("none.so") + "'");
 }
 
 TEST_F(Program, WaitReadyTracksFromTheFirstFrameOn) {
@@ -159,6 +211,7 @@ TEST_F(Program, RefusesBadInputInOneLine) {
   std::filesystem::create_directory(folder_.path() / "damaged");
   folder_.file("damaged/1.png", "no image");
   folder_.file("broken.json", "{");
+  folder_.file("unknown.json", R"({"learn":{}})");
   const auto path = [&](const char* name) { return folder_.path(name); };
   const auto quoted = [&](const char* name) { return "'" + folder_.path(name) + "'"; };
   const struct {
@@ -180,8 +233,14 @@ TEST_F(Program, RefusesBadInputInOneLine) {
       {source + roi + "--config " + path("missing.json"),
        "the configuration " + quoted("missing.json") + " cannot be read"},
       {source + roi + "--config " + path("broken.json"),
-       "the configuration " + quoted("broken.json") + " is malformed JSON"},
+       "the configuration " + quoted("broken.json") + " is malformed JSON at line 1"},
       {source + roi + "--set nonsense", "'nonsense' is no setting: path=value is needed"},
+      {source + roi + "--set debug/enable=true", "the plug-in knows no setting 'debug/enable'"},
+      {source + roi + "--config " + path("unknown.json"), "the plug-in knows no setting 'learn'"},
+      {source + roi + "--set debug/enabled=yes",
+       "the setting 'debug/enabled' is \"yes\": true or false is needed"},
+      {source + roi + "--set learning/update_iterations=500",
+       "the setting 'learning/update_iterations' is 500: 1 to 100 is allowed"},
       {source + roi + "--groundtruth " + path("missing.txt"),
        "the boxes " + quoted("missing.txt") + " cannot be read"},
   };

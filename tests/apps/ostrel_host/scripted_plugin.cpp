@@ -1,5 +1,5 @@
 // A plug-in that tracks by script: it warms up for two calls, then moves its box by (2, 1) a frame and holds every
-// fifth frame with score 0. The engine's name asks for more: one that ends in "broken" fails the start.
+// fifth frame with score 0. An engine "broken" fails the start. What setConfig was told stands in `property`.
 #include <IAlgoPlugin.h>
 #include <optrix/optrix_picture.h>
 
@@ -14,12 +14,13 @@ namespace {
 constexpr int kWarmUpCalls = 2;
 constexpr int kHoldEvery = 5;
 
-bool engine_is_broken() {
-  const char* engine = std::getenv("OSTREL_TRACKER_ATOM_TRT_ENGINE");
-  const std::string name = engine == nullptr ? "" : engine;
-  const std::string word = "broken";
-  return name.size() >= word.size() && name.compare(name.size() - word.size(), word.size(), word) == 0;
-}
+constexpr char kSchema[] = R"(
+{"type":"object","properties":{
+  "engine":{"type":"object","properties":{"tracker_engine_path":{"type":"string"}}},
+  "learning":{"type":"object","properties":{
+    "update_iterations":{"type":"integer","minimum":1,"maximum":100}}},
+  "debug":{"type":"object","properties":{"enabled":{"type":"boolean"}}}}}
+)";
 
 }  // namespace
 
@@ -52,6 +53,7 @@ class OstrelAlgo : public IAlgoPlugin {
 
   std::string property(std::string) override {
     const bool own = tracked_ > 0;
+    const char* variable = std::getenv("OSTREL_TRACKER_ATOM_TRT_ENGINE");
     return nlohmann::json{
         {"alive", true},
         {"init_phase", phase_},
@@ -60,7 +62,9 @@ class OstrelAlgo : public IAlgoPlugin {
         {"bbox", {box_.x, box_.y, box_.w, box_.h}},
         {"raw_bbox", {own ? box_.x + 0.25 : 0.0, own ? box_.y : 0, own ? box_.w : 0, own ? box_.h : 0}},
         {"raw_score", 0.75},
-        {"debug_log_period", 5}}
+        {"told", config_},
+        {"variable", variable == nullptr ? nlohmann::json(nullptr) : nlohmann::json(variable)},
+        {"calls", calls_}}
         .dump();
   }
 
@@ -73,12 +77,16 @@ class OstrelAlgo : public IAlgoPlugin {
   bool isDynamic() const override { return true; }
   void changePerformance(int) override {}
   void enableDebug(bool enabled) override { debug_ = enabled; }
-  std::string getConfigList() override { return "{}"; }
-  void setConfig(std::string) override {}
-  std::string getPropertyList() override { return "{}"; }
+  std::string getConfigList() override { return kSchema; }
+  void setConfig(std::string json) override { config_ = nlohmann::json::parse(json); }
+  std::string getPropertyList() override { return "\n{\"title\":\"scripted\"}"; }
   void setProperty(std::string, std::string) override {}
 
  private:
+  bool engine_is_broken() const {
+    return config_.value(nlohmann::json::json_pointer("/engine/tracker_engine_path"), "") == "broken";
+  }
+
   static AlgoOutput detections(AlgoValue::Array list) {
     return {"detection.v1", AlgoValue(AlgoValue::Object{{"detections", std::move(list)}})};
   }
@@ -117,6 +125,7 @@ class OstrelAlgo : public IAlgoPlugin {
   int tracked_ = 0;
   int width_ = 0;
   BBox box_;
+  nlohmann::json config_ = nlohmann::json::object();
   std::string phase_ = "idle";
   std::string status_ = "idle";
 };
