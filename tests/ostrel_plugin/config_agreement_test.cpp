@@ -201,6 +201,23 @@ TEST_F(ConfigAgreement, LetsADocumentThatRepeatsEveryValueChangeNothing) {
   EXPECT_FALSE(apply(parsed_document(document.dump()), config));
 }
 
+TEST_F(ConfigAgreement, HoldsInTheExampleOfThePage) {
+  const ordered_json example = ordered_json::parse(ostrel_test::documented_example());
+  OstrelConfig config;
+  EXPECT_TRUE(apply(parsed_document(example.dump()), config));
+  std::size_t found = 0;
+  for (std::size_t i = 0; i < settings_.size(); ++i) {
+    const ordered_json::json_pointer path("/" + settings_[i].path);
+    if (!example.contains(path)) continue;
+    EXPECT_TRUE(holds(config, kConfigMembers[i].member, example.at(path))) << settings_[i].path;
+    ++found;
+  }
+  std::size_t named = 0;
+  for (const ordered_json& group : example) named += group.size();
+  EXPECT_EQ(found, named);  // no key that is none
+  EXPECT_GT(found, 0U);
+}
+
 TEST(OstrelConfig, HoldsSearchScalesByTheirBits) {
   const OstrelConfig config;
   ASSERT_EQ(config.search_scales.size(), 3U);

@@ -62,6 +62,18 @@ std::string document_text(const std::string& path, const ordered_json& value) {
   return document.dump();
 }
 
+std::string documented_example() {
+  std::istringstream page(repository_text("docs/configuration.md"));
+  std::string example;
+  bool inside = false;
+  for (std::string line; std::getline(page, line);) {
+    if (inside && line == "```") break;
+    if (inside) example += line + "\n";
+    inside = inside || line == "```json";
+  }
+  return example;
+}
+
 std::vector<DocumentedSetting> documented_settings() {
   std::istringstream page(repository_text("docs/configuration.md"));
   std::vector<DocumentedSetting> settings;

@@ -41,4 +41,7 @@ struct DocumentedSetting {
 /// All rows, in the order of the page.
 std::vector<DocumentedSetting> documented_settings();
 
+/// The text of the page's example of a document.
+std::string documented_example();
+
 }  // namespace ostrel_test
