@@ -211,11 +211,25 @@ TEST_F(JointOptimizerBuffers, RefusesCopiesBeforeItHasBuffers) {
   CudaJointOptimizer fresh;
   EXPECT_FALSE(fresh.materialize_scaled_sample_copies(0, 1, 1, {1.0F, 1.0F, 1.0F}, &error_));
   EXPECT_EQ(error_, kBadCopies);
-  // All buffers but channel_scales.
-  host::fail_call("cudaMalloc", 22, cudaErrorUnknown);
-  ASSERT_FALSE(fit_.ensure(fresh, &error_));
-  ASSERT_EQ(error_.find("cudaMalloc channel_scales"), 0U) << error_;
-  EXPECT_FALSE(fresh.materialize_scaled_sample_copies(0, 1, 1, {1.0F, 1.0F, 1.0F}, &error_));
+}
+
+TEST_F(JointOptimizerBuffers, RefusesToUseABufferThatAFailedGrowthTook) {
+  JointFitCase larger = fit_;
+  larger.in_channels = 5;
+  const auto fail_growth = [&](int n, const char* buffer) {
+    host::fail_call("cudaMalloc", n, cudaErrorUnknown);
+    ASSERT_FALSE(larger.ensure(optimizer_, &error_));
+    ASSERT_EQ(error_, std::string("cudaMalloc ") + buffer + ": " + cudaGetErrorString(cudaErrorUnknown));
+  };
+  const std::vector<float> scales(3, 1.0F);  // the sizes are still the old ones
+  fail_growth(1, "raw_features");
+  EXPECT_FALSE(preload({host_span(0, 4)}));
+  EXPECT_EQ(error_, kBadPreload);
+  EXPECT_FALSE(copies(0, 1, 1, scales));
+  EXPECT_EQ(error_, kBadCopies);
+  fail_growth(9, "channel_scales");
+  EXPECT_TRUE(preload({host_span(0, 4)})) << error_;
+  EXPECT_FALSE(copies(0, 1, 1, scales));
   EXPECT_EQ(error_, kBadCopies);
 }
 

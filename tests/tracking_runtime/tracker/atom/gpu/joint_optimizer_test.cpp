@@ -327,6 +327,25 @@ TEST_F(JointOptimizer, OperatesOnTheSamplesAndTheWeightOfTheLastCall) {
                        operated(last, direction), kOneOperator));
 }
 
+TEST_F(JointOptimizer, KeepsItsCountThroughALaterCallForMoreSamples) {
+  JointFitCase one = JointFitCase::random({1, 3, 6, 6, 4, 4}, 4, 660);
+  ASSERT_TRUE(fit_.ensure(optimizer_, &error_)) << error_;
+  ASSERT_TRUE(optimize()) << error_;  // what lies beyond the one sample is not the same for both
+  const Doubles direction = random_direction(one, 661);
+  const JointProblem problem = one.problem();
+  std::vector<float> out;
+  ASSERT_TRUE(one.rhs(optimizer_, &out, &error_)) << error_;
+  ASSERT_TRUE(fit_.ensure(optimizer_, &error_)) << error_;
+  ASSERT_TRUE(one.apply(optimizer_, narrow(filter_of(problem, direction)),
+                        narrow(projection_of(problem, direction)), &out, &error_))
+      << error_;
+  EXPECT_TRUE(close_to(reference_joint_operator(problem, one.start(), direction), out, kOneOperator));
+  EXPECT_EQ(downloaded().size(), one.shape.features());
+  atom::ProjectedFeatureView view;
+  ASSERT_TRUE(optimizer_.get_projected_feature_device_view(&view, &error_)) << error_;
+  EXPECT_EQ(view.samples, 1);
+}
+
 TEST_F(JointOptimizer, MovesWithItsState) {
   ASSERT_TRUE(fit_.ensure(optimizer_, &error_)) << error_;
   ASSERT_TRUE(optimize()) << error_;
