@@ -97,7 +97,7 @@ bool run_cipher(EVP_CIPHER_CTX* context, const EVP_CIPHER* cipher, const Bytes& 
       EVP_CIPHER_CTX_set_padding(context, 0) == 1 &&
       EVP_CipherUpdate(context, output.data(), &updated, input.data(), static_cast<int>(input.size())) == 1 &&
       EVP_CipherFinal_ex(context, output.data() + updated, &finished) == 1;
-  if (success) output.resize(static_cast<std::size_t>(updated + finished));
+  if (success) output.resize(static_cast<std::size_t>(updated) + static_cast<std::size_t>(finished));
   return success;
 }
 
