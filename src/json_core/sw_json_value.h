@@ -31,6 +31,7 @@ class SwJsonValue {
   explicit SwJsonValue(bool value) : kind(Kind::Boolean), bool_value(value) {}
   explicit SwJsonValue(std::int64_t value) : kind(Kind::Integer), int_value(value) {}
   explicit SwJsonValue(double value) : kind(Kind::Double), double_value(value) {}
+  explicit SwJsonValue(const void* pointer) = delete;  ///< a literal would become a Boolean
   explicit SwJsonValue(SwString value) : kind(Kind::String), string_value(std::move(value)) {}
   explicit SwJsonValue(SwJsonObject value);
   explicit SwJsonValue(SwJsonArray value);

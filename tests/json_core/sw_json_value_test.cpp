@@ -15,6 +15,8 @@ static_assert(static_cast<int>(Kind::Integer) == 2 && static_cast<int>(Kind::Dou
 static_assert(static_cast<int>(Kind::String) == 4 && static_cast<int>(Kind::Object) == 5);
 static_assert(static_cast<int>(Kind::Array) == 6);
 
+static_assert(!std::is_constructible_v<SwJsonValue, const char*>, "not by way of a Boolean");
+
 // {"list": [{"x": 1}]}
 SwJsonValue nested_value() {
   SwJsonObject inner;
