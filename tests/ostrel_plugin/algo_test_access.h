@@ -57,10 +57,6 @@ struct OstrelAlgoTestAccess {
   static void setStatus(OstrelAlgo& algo, const std::string& status, const std::string& detail) {
     algo.setRuntimeStatusLocked_(status, detail);
   }
-  static void refreshLiveness(OstrelAlgo& algo, std::uint64_t now_ns) {
-    algo.refreshTrackingLivenessLocked_(now_ns);
-  }
-  static void markDead(OstrelAlgo& algo, std::uint64_t now_ns) { algo.maybeMarkTrackingDeadLocked_(now_ns); }
   static bool launch(OstrelAlgo& algo) { return algo.launchInitWorkerLocked_(); }
 
   static bool readView(const OstrelAlgo::Metadata& metadata, double& pan, double& tilt, double& hfov,
