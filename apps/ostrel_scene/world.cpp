@@ -49,7 +49,7 @@ struct World::Impl {
 
   cv::Size size() const { return {options.width_px, options.height_px}; }
   std::vector<VehicleView> vehicles_in_view(double time_s, const CameraView& view) const;
-  bool view_of(const PlacedVehicle& vehicle, const Pinhole& camera, VehicleView& result) const;
+  Smear standing_smear(const CameraView& view) const;
 
   WorldOptions options;
   Ground ground;
@@ -59,10 +59,16 @@ struct World::Impl {
   Sensor sensor;
 };
 
-bool World::Impl::view_of(const PlacedVehicle& vehicle, const Pinhole& camera, VehicleView& result) const {
-  result.vehicle = vehicle;
-  result.distance_m = distance_to_camera(vehicle.pose.position);
-  return VehicleLayer::box_of(vehicle, camera, result.box_px);
+// How far the middle of the picture moves while the shutter is open.
+Smear World::Impl::standing_smear(const CameraView& view) const {
+  const Pinhole opening(after(view, -0.5 * kExposure_s), size()),
+      closing(after(view, 0.5 * kExposure_s), size());
+  const cv::Point2f middle(0.5F * static_cast<float>(options.width_px),
+                           0.5F * static_cast<float>(options.height_px));
+  const Vec3 ahead = camera_position() + Pinhole(view, size()).ray(middle.x, middle.y) * 100.0F;
+  ScreenPoint first, last;
+  if (!opening.project(ahead, first) || !closing.project(ahead, last)) return {};
+  return {last.x_px - first.x_px, last.y_px - first.y_px};
 }
 
 // Those in view, the farthest first, with their motion over the exposure.
@@ -77,7 +83,7 @@ std::vector<VehicleView> World::Impl::vehicles_in_view(double time_s, const Came
   for (std::size_t i = 0; i < now.size(); ++i) {
     VehicleView seen;
     ScreenPoint first, last;
-    if (!view_of(now[i], camera, seen)) continue;
+    if (!look_at(now[i], camera, seen)) continue;
     if (!opening.project(before[i].pose.position, first) || !closing.project(later[i].pose.position, last))
       continue;
     seen.smear_px = {last.x_px - first.x_px, last.y_px - first.y_px};
@@ -112,16 +118,8 @@ const std::vector<WorldEvent>& World::events() const {
 
 cv::Mat World::render(double time_s, const CameraView& view) const {
   const Pinhole camera(view, impl_->size());
-  const cv::Rect all(cv::Point(), impl_->size());
-  ScreenPoint first, last;
-  const Vec3 ahead =
-      camera_position() +
-      camera.ray(0.5F * static_cast<float>(all.width), 0.5F * static_cast<float>(all.height)) * 100.0F;
-  Smear smear;
-  if (Pinhole(after(view, -0.5 * kExposure_s), impl_->size()).project(ahead, first) &&
-      Pinhole(after(view, 0.5 * kExposure_s), impl_->size()).project(ahead, last))
-    smear = {last.x_px - first.x_px, last.y_px - first.y_px};
-  cv::Mat image = smeared(impl_->panorama.picture(camera, all), smear);
+  const Smear smear = impl_->standing_smear(view);
+  cv::Mat image = smeared(impl_->panorama.picture(camera, {cv::Point(), impl_->size()}), smear);
   const VehicleLayer layer(camera, impl_->panorama, impl_->scene.sun_map, impl_->size());
   layer.draw(impl_->vehicles_in_view(time_s, view), smear, image);
   impl_->sensor.expose(time_s, image);
@@ -132,7 +130,7 @@ TargetTruth World::target(double time_s, const CameraView& view) const {
   const Pinhole camera(view, impl_->size());
   TargetTruth truth;
   VehicleView target;
-  if (!impl_->view_of(impl_->story.target(static_cast<float>(time_s)), camera, target)) return truth;
+  if (!look_at(impl_->story.target(static_cast<float>(time_s)), camera, target)) return truth;
   truth.box_px = target.box_px;
   const VehicleLayer layer(camera, impl_->panorama, impl_->scene.sun_map, impl_->size());
   truth.visible_share =

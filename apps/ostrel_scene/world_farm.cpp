@@ -40,13 +40,13 @@ void build_farm(StaticScene& scene, std::uint32_t seed) {
 }
 
 void set_up_roadside(StaticScene& scene) {
-  static const Colour grey = screen_colour(150, 152, 154);
+  static const Colour white = screen_colour(226, 226, 222);
   // Delineators along both verges.
   for (float x = -200.0F; x <= 200.0F; x += 25.0F) {
     for (const float offset : {-kRoadHalfWidth_m - 1.6F, kRoadHalfWidth_m + 1.6F}) {
       const Vec3 foot = main_road_point(x, offset);
       add_block(scene, {foot, 0.0F, 0.07F, 0.07F, 1.0F}, 1.0F,
-                [](const Vec3& p) { return p.z > 0.6F && p.z < 0.9F ? screen_colour(40, 40, 40) : grey; });
+                [](const Vec3& p) { return p.z > 0.6F && p.z < 0.9F ? screen_colour(40, 40, 40) : white; });
     }
   }
 }

@@ -69,19 +69,27 @@ Colour Ground::crop(const GroundPatch& p, int kind, float tx, float ty) const {
   const float rough = 0.10F * noise_.band(tx, ty, 2.6F, f) + 0.12F * other_noise_.band(tx, ty, 0.5F, f);
   const float slow = 0.12F * noise_.band(tx, ty, 34.0F, f) + 0.08F * other_noise_.band(tx, ty, 11.0F, f);
   const float tone = 1.0F + rough + slow;
-  const auto rows = [&](float along, float spacing_m) {
-    const float visible = std::clamp(1.6F - 2.4F * f / spacing_m, 0.0F, 1.0F);
-    return visible * std::sin(2.0F * kPi_f * along / spacing_m + 1.2F * rough);
+  // Rows are long and narrow: noise stretched along them, on top of their even spacing.
+  const auto rows = [&](float along, float across, float spacing_m) {
+    const float visible = std::clamp(1.5F - 2.0F * f / spacing_m, 0.0F, 1.0F);
+    const float ragged = noise_.at(along / 7.0F, across / (0.7F * spacing_m));
+    const float sway = 0.8F * other_noise_.at(along / 19.0F, across / 11.0F);
+    return visible * (0.45F * std::sin(2.0F * kPi_f * across / spacing_m + sway) + 0.8F * ragged);
   };
   if (kind == 1) {
     const float wheel = std::abs(fraction(ty / 18.0F) * 18.0F - 9.0F);
     const float track = stripe_cover(wheel, 0.9F, 0.25F, f);
-    return mix(wheat * (tone + 0.05F * rows(ty, 1.1F)), soil, 0.55F * track);
+    return mix(wheat * (tone + 0.06F * rows(tx, ty, 1.1F)), soil, 0.55F * track);
   }
-  if (kind == 2) return soil * (tone + 0.20F * rows(tx + 0.2F * ty, 0.9F) + 0.6F * rough);
-  if (kind == 3) return hay * (tone + 0.09F * (smooth_step(-0.2F, 0.2F, rows(tx, 7.5F)) - 0.5F));
-  if (kind == 4)
-    return mix(soil, young, std::clamp(0.62F + 0.5F * rows(ty, 0.8F) + 2.0F * slow, 0.0F, 1.0F)) * tone;
+  if (kind == 2) return soil * (tone + 0.17F * rows(ty - 0.2F * tx, tx + 0.2F * ty, 0.75F) + 0.6F * rough);
+  if (kind == 3) {
+    const float swath = std::sin(2.0F * kPi_f * tx / 8.0F + 0.5F * slow);
+    return hay * (tone + 0.08F * smooth_step(-0.2F, 0.2F, swath) + 0.05F * rows(ty, tx, 1.3F));
+  }
+  if (kind == 4) {
+    const float grown = std::clamp(0.72F + 0.22F * rows(tx, ty, 0.8F) + 2.0F * slow, 0.0F, 1.0F);
+    return mix(soil, young, grown) * tone;
+  }
   return grass(p);
 }
 
@@ -97,7 +105,9 @@ Colour Ground::field(const GroundPatch& p) const {
   const float in_y = fraction(shifted / kFieldDepth_m) * kFieldDepth_m;
   const float edge = std::min(std::min(in_x, kFieldWidth_m - in_x), std::min(in_y, kFieldDepth_m - in_y)) +
                      0.7F * noise_.at(p.x / 4.0F, p.y / 4.0F);
-  return mix(grass(p), crop(p, kind, tx, ty), inside(edge - 1.8F, p.size_m()));
+  const float cropped = kind == 0 ? 0.0F : inside(edge - 1.8F, p.size_m());
+  if (cropped == 1.0F) return crop(p, kind, tx, ty);
+  return cropped == 0.0F ? grass(p) : mix(grass(p), crop(p, kind, tx, ty), cropped);
 }
 
 // Wheels darken two tracks of each lane, and oil the middle.
@@ -152,10 +162,31 @@ Colour Ground::overpass_road(const GroundPatch& p, float across_m) const {
 void Ground::lay_tracks(const GroundPatch& p, Colour& colour) const {
   const float middle = main_road_y(p.x) + 62.0F + 14.0F * std::sin(p.x / 70.0F);
   const float off = std::abs(p.y - middle) + 0.25F * noise_.at(p.x / 5.0F, p.y / 5.0F);
+  if (off > 2.5F + p.deep_m) return;
   const float rut = stripe_cover(off, 0.8F, 0.42F, p.deep_m);
   const float strip = inside(1.9F - off, p.deep_m);
   colour = mix(colour, grass(p) * 1.08F, strip);
   colour = mix(colour, gravel(p), 0.85F * rut);
+}
+
+// Grass along the road, then the fields.
+Colour Ground::beside_road(const GroundPatch& p, float from_road_m, float ragged_m) const {
+  if (from_road_m < kVerge_m - 1.0F) return grass(p);
+  Colour colour = field(p);
+  if (from_road_m < kVerge_m + 3.0F)
+    return mix(grass(p), colour, smooth_step(0.0F, 2.0F, from_road_m - kVerge_m + ragged_m));
+  lay_tracks(p, colour);
+  return colour;
+}
+
+// The road that the overpass's ramps lead on to.
+void Ground::lay_overpass_road(const GroundPatch& p, float ragged_m, Colour& colour) const {
+  const cv::Point2f place = overpass_place(p.x, p.y);
+  if (std::abs(place.x) < kDeckHalfLength_m + 0.8F * kRampLength_m) return;
+  const float off = std::abs(place.y);
+  if (off > 9.0F) return;
+  colour = mix(colour, gravel(p), inside(6.2F + ragged_m - off, p.across_m));
+  colour = mix(colour, overpass_road(p, place.y), inside(5.2F - off, p.across_m));
 }
 
 Colour Ground::albedo(const GroundPatch& p) const {
@@ -164,26 +195,14 @@ Colour Ground::albedo(const GroundPatch& p) const {
   const float f = std::max(0.02F, p.deep_m);
   if (from_road < -f) return main_road(p, offset);
   const float ragged = 0.35F * noise_.band(p.x, p.y, 1.9F, f) + 0.2F * other_noise_.band(p.x, p.y, 0.5F, f);
-  Colour colour;
-  if (from_road > kVerge_m + 4.0F) {
-    colour = field(p);
-    lay_tracks(p, colour);
-  } else {
-    const Colour verge = grass(p);
-    colour = from_road > kVerge_m - 1.0F
-                 ? mix(verge, field(p), smooth_step(0.0F, 2.0F, from_road - kVerge_m + ragged))
-                 : verge;
-  }
+  Colour colour = beside_road(p, from_road, ragged);
   const float in_lay_by = std::min(std::min(p.x - kLayByStart_m, kLayByEnd_m - p.x) * 0.3F,
                                    kLayByHalfWidth_m - std::abs(offset - kLayByOffset_m));
-  const float gravelled = std::max(kShoulder_m + ragged - from_road, in_lay_by + 1.2F * ragged);
-  colour = mix(colour, gravel(p), inside(gravelled, f + 0.2F));
-  const cv::Point2f crossing = overpass_place(p.x, p.y);
-  if (std::abs(crossing.x) > kDeckHalfLength_m + 0.8F * kRampLength_m) {
-    colour = mix(colour, gravel(p), inside(6.2F + ragged - std::abs(crossing.y), p.across_m));
-    colour = mix(colour, overpass_road(p, crossing.y), inside(5.2F - std::abs(crossing.y), p.across_m));
-  }
-  return mix(main_road(p, offset), colour, inside(from_road, f));
+  const float gravelled =
+      inside(std::max(kShoulder_m + ragged - from_road, in_lay_by + 1.2F * ragged), f + 0.2F);
+  if (gravelled > 0.0F) colour = mix(colour, gravel(p), gravelled);
+  lay_overpass_road(p, ragged, colour);
+  return from_road < f ? mix(main_road(p, offset), colour, inside(from_road, f)) : colour;
 }
 
 }  // namespace ostrel_scene

@@ -31,6 +31,8 @@ class Ground {
   float lane_wear(float offset_m) const;
   float main_road_paint(const GroundPatch& patch, float offset_m) const;
   Colour overpass_road(const GroundPatch& patch, float across_m) const;
+  Colour beside_road(const GroundPatch& patch, float from_road_m, float ragged_m) const;
+  void lay_overpass_road(const GroundPatch& patch, float ragged_m, Colour& colour) const;
   void lay_tracks(const GroundPatch& patch, Colour& colour) const;
 
   std::uint32_t seed_;

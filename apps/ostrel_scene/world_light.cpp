@@ -7,11 +7,11 @@ namespace ostrel_scene {
 namespace {
 
 constexpr float kGamma = 2.2F;
-constexpr float kHaze_m = 1500.0F;  // after which 63 % of a thing's light is haze
+constexpr float kHaze_m = 2300.0F;  // after which 63 % of a thing's light is haze
 constexpr float kGlintPower = 60.0F;
 
-const Colour kSunLight(1.02F, 1.16F, 1.22F);
-const Colour kSkyLight(0.44F, 0.37F, 0.31F);
+const Colour kSunLight(1.12F, 1.32F, 1.42F);
+const Colour kSkyLight(0.36F, 0.28F, 0.22F);
 const Colour kBouncedLight(0.09F, 0.15F, 0.14F);
 
 // Display levels over linear light in steps of 1 / kStepsPerUnit: gamma with a shoulder towards white.
@@ -52,7 +52,7 @@ Colour screen_colour(int red, int green, int blue) {
 }
 
 const Vec3& to_sun() {
-  static const Vec3 direction = unit({-0.66F, -0.30F, 0.66F});
+  static const Vec3 direction = unit({-0.72F, -0.20F, 0.64F});
   return direction;
 }
 
@@ -74,7 +74,7 @@ Colour shaded(const Surface& surface, const Vec3& normal, const Vec3& point, flo
   const float facing = -view.dot(normal);
   const Vec3 reflected = view + normal * (2.0F * facing);
   const float grazing = 1.0F - std::clamp(facing, 0.0F, 1.0F);
-  const float fresnel = 0.08F + 0.92F * grazing * grazing * grazing * grazing;
+  const float fresnel = 0.14F + 0.86F * grazing * grazing * grazing;
   colour += reflected_sky(reflected) * (surface.mirror * fresnel);
   const float glint = std::pow(std::max(0.0F, reflected.dot(to_sun())), kGlintPower);
   return colour + kSunLight * (surface.gloss * glint * sun_share);

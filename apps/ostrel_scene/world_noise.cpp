@@ -7,7 +7,7 @@ namespace ostrel_scene {
 namespace {
 
 constexpr int kWavelengths = 64;
-constexpr int kCellsPerWavelength = 8;
+constexpr int kCellsPerWavelength = 4;
 constexpr int kSide = kWavelengths * kCellsPerWavelength;
 
 std::uint64_t mixed(std::uint64_t value) {
@@ -45,7 +45,7 @@ int Dice::whole(int low, int high) {
 // White noise, smoothed: unlike values on a lattice it shows no rows and columns.
 NoisePlane::NoisePlane(std::uint32_t seed) : grid_(static_cast<std::size_t>(kSide) * kSide) {
   constexpr int kMargin = 16;
-  constexpr double kSmoothing_cells = 2.2;
+  constexpr double kSmoothing_cells = 1.25;
   Dice dice(seed);
   cv::Mat grid(kSide, kSide, CV_32F, grid_.data());
   for (float& value : grid_) value = dice.between(-1.0F, 1.0F);
@@ -70,15 +70,6 @@ float NoisePlane::at(float x, float y) const {
   const float upper = top[x0] + (top[x1] - top[x0]) * wx;
   const float lower = bottom[x0] + (bottom[x1] - bottom[x0]) * wx;
   return upper + (lower - upper) * wy;
-}
-
-float NoisePlane::band(float x_m, float y_m, float wavelength_m, float footprint_m) const {
-  const float visible = 1.5F - 1.5F * footprint_m / wavelength_m;
-  if (visible <= 0.0F) return 0.0F;
-  // Each wavelength looks at another part of the plane, turned by another angle.
-  const float shift = 17.3F * wavelength_m, scale = 1.0F / wavelength_m;
-  const float c = std::cos(3.0F * wavelength_m) * scale, s = std::sin(3.0F * wavelength_m) * scale;
-  return (visible < 1.0F ? visible : 1.0F) * at(c * x_m - s * y_m + shift, s * x_m + c * y_m - shift);
 }
 
 }  // namespace ostrel_scene

@@ -6,7 +6,7 @@
 namespace ostrel_scene {
 namespace {
 
-constexpr float kPiece_m = 0.8F;
+constexpr float kPiece_m = 0.8F, kGrassPiece_m = 0.35F;
 constexpr float kDeckThickness_m = 1.1F;
 constexpr float kParapetHeight_m = 0.85F;
 constexpr float kCarriageHalf_m = 5.2F;
@@ -18,7 +18,7 @@ const Colour& concrete() {
 }
 
 GroundPatch patch_at(const Vec3& p) {
-  return {p.x, p.y, 0.25F, 0.5F};
+  return {p.x, p.y, 0.2F, 0.3F};
 }
 
 Vec3 raised(const Vec3& point, float height_m) {
@@ -108,8 +108,8 @@ void build_ramps(StaticScene& scene, const Ground& ground) {
         Vec3 low_a = overpass_point(a, edge + side * kSlope * height_a);
         Vec3 low_b = overpass_point(b, edge + side * kSlope * height_b);
         low_a.z = low_b.z = 0.0F;
-        add_quad(scene, {{overpass_point(a, edge), overpass_point(b, edge), low_b, low_a}, true}, kPiece_m,
-                 grass);
+        add_quad(scene, {{overpass_point(a, edge), overpass_point(b, edge), low_b, low_a}, true},
+                 kGrassPiece_m, grass);
       }
     }
     // The slope under the end of the deck.

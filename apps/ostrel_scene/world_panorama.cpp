@@ -9,7 +9,7 @@
 namespace ostrel_scene {
 namespace {
 
-constexpr double kSharpFov_rad = 20.0 * 3.14159265358979323846 / 180.0;
+constexpr double kSharpFov_rad = 24.0 * 3.14159265358979323846 / 180.0;
 constexpr std::size_t kLevels = 4;
 constexpr int kGridStep_px = 8;
 

@@ -9,7 +9,7 @@
 
 namespace ostrel_scene {
 
-// Pixels of the panorama per radian for pictures of a width: full sharpness down to a field of view of 20 degrees.
+// Pixels of the panorama per radian for pictures of a width: full sharpness down to a field of view of 24 degrees.
 float panorama_density(int picture_width_px);
 
 class Panorama {

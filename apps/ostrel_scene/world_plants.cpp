@@ -52,9 +52,9 @@ void Grower::grow_trunk(const Plant& plant) {
 void Grower::grow_clump(const Plant& plant, const Vec3& crown, const Vec3& radii, const Vec3& middle,
                         float radius_m) {
   const float leaf_m =
-      std::max(0.016F * plant.height_m + 0.05F, 0.9F * smallest_radian * distance_to_camera(middle));
+      std::max(0.009F * plant.height_m + 0.03F, 0.8F * smallest_radian * distance_to_camera(middle));
   const float ratio = radius_m / leaf_m;
-  const int count = std::clamp(static_cast<int>(2.6F * plant.density * ratio * ratio), 3, 170);
+  const int count = std::clamp(static_cast<int>(2.3F * plant.density * ratio * ratio), 3, 420);
   const float clump_tone = dice.between(0.82F, 1.14F);
   for (int i = 0; i < count; ++i) {
     const Vec3 outwards = on_sphere();
@@ -75,7 +75,7 @@ void Grower::grow_clump(const Plant& plant, const Vec3& crown, const Vec3& radii
 
 // One leaf in some, enlarged: shadows need less detail than the plant.
 void Grower::shade_ground(const Vec3& crown, const Vec3& radii) {
-  const int count = std::clamp(static_cast<int>(14.0F * radii.x * radii.z), 20, 260);
+  const int count = std::clamp(static_cast<int>(34.0F * radii.x * radii.z), 30, 700);
   for (int i = 0; i < count; ++i) {
     const Vec3 direction = on_sphere();
     const float out = std::cbrt(dice.between(0.05F, 1.0F));

@@ -97,14 +97,13 @@ cv::Mat SampleBuffer::colour_and_coverage() const {
 }
 
 cv::Mat SampleBuffer::nearness() const {
-  cv::Mat result(area_px_.size(), CV_32FC1);
-  for (int y = 0; y < result.rows; ++y) {
-    for (int x = 0; x < result.cols; ++x) {
-      const cv::Rect samples(x * samples_per_side_, y * samples_per_side_, samples_per_side_,
-                             samples_per_side_);
-      double greatest = 0.0;
-      cv::minMaxLoc(nearness_(samples), nullptr, &greatest);
-      result.at<float>(y, x) = static_cast<float>(greatest);
+  cv::Mat result(area_px_.size(), CV_32FC1, cv::Scalar(0));
+  for (int y = 0; y < nearness_.rows; ++y) {
+    const auto* samples = nearness_.ptr<float>(y);
+    auto* greatest = result.ptr<float>(y / samples_per_side_);
+    for (int x = 0; x < nearness_.cols; ++x) {
+      float& pixel = greatest[x / samples_per_side_];
+      pixel = std::max(pixel, samples[x]);
     }
   }
   return result;

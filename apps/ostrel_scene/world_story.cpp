@@ -61,12 +61,12 @@ std::vector<WorldEvent> make_events() {
   return {{0.0, 5.0, "parked"},
           {5.0, 10.0, "drives off"},
           {10.0, 14.0, "look-alike overtakes"},
-          {14.0, 16.6, "behind trees in part"},
-          {17.0, 21.5, "open stretch"},
-          {22.0, 24.5, "under the bridge"},
-          {24.5, 28.5, "open road"},
-          {28.8, 33.6, "behind the wood"},
-          {34.5, 41.0, "open again"}};
+          {14.3, 17.0, "behind trees in part"},
+          {17.0, 21.1, "open stretch"},
+          {21.1, 24.1, "under the bridge"},
+          {24.1, 28.0, "open road"},
+          {28.0, 34.1, "behind the wood"},
+          {34.1, kDuration_s, "open again"}};
 }
 
 }  // namespace

@@ -4,11 +4,12 @@
 #include <vector>
 
 #include "world_panorama.h"
+#include "world_raster.h"
 #include "world_story.h"
 
 namespace ostrel_scene {
 
-// The way that a thing moves in the picture while the shutter is open.
+// The way that a thing moves in the picture while the shutter is open, in pixels.
 using Smear = cv::Point2f;
 
 // The picture with everything in it smeared along a line.
@@ -16,31 +17,38 @@ cv::Mat smeared(const cv::Mat& image, const Smear& smear_px);
 
 struct VehicleView {
   PlacedVehicle vehicle;
-  cv::Rect2f box_px;  // of the whole vehicle
+  cv::Rect2f box_px;  // of the whole vehicle, also outside the picture
   float distance_m = 0.0F;
   Smear smear_px;
 };
 
+// False for a vehicle that is not wholly before the camera. The smear is left as it is.
+bool look_at(const PlacedVehicle& vehicle, const Pinhole& camera, VehicleView& view);
+
+// For one picture; refers to what it is made of.
 class VehicleLayer {
  public:
   VehicleLayer(const Pinhole& camera, const Panorama& panorama, const SunMap& sun_map, cv::Size picture);
 
-  // Vehicles in view only, the farthest first.
-  static bool box_of(const PlacedVehicle& vehicle, const Pinhole& camera, cv::Rect2f& box_px);
-
-  // `standing_smear_px`: how far the standing world, already in `image`, is smeared.
+  // `vehicles`: the farthest first. `standing_smear_px`: how far the standing world, already in `image` (CV_8UC3),
+  // is smeared.
   void draw(const std::vector<VehicleView>& vehicles, const Smear& standing_smear_px, cv::Mat& image) const;
 
-  // The share of the first vehicle's pixels that neither something standing nor one of the `others` hides, and that
-  // lie inside the picture.
-  float visible_share(const VehicleView& vehicle, const std::vector<VehicleView>& others) const;
+  // The share of a vehicle's pixels that lie inside the picture and that neither something standing nor a nearer one
+  // of the `others` hides; the vehicle itself may be among those.
+  float visible_share(const VehicleView& view, const std::vector<VehicleView>& others) const;
 
  private:
-  struct Cover;
+  // How much of the sun's and of the sky's light each pixel's ground loses (CV_32FC1 each).
+  struct LightLost {
+    cv::Mat sun, sky;
+  };
+  Corner on_ground(const Vec3& place) const;
+  LightLost light_lost(const VehicleView& view, const cv::Rect& area) const;
   void draw_shadow(const VehicleView& view, const Smear& standing_smear_px, cv::Mat& image) const;
   void draw_body(const VehicleView& view, const Smear& standing_smear_px, cv::Mat& image) const;
-  class SampleBuffer rasterised(const VehicleView& view, const cv::Rect& area, bool shaded) const;
-  cv::Rect picture_area(const cv::Rect2f& box, float margin_px) const;
+  SampleBuffer rasterised(const VehicleView& view, const cv::Rect& area, bool with_light) const;
+  Colour light_of(const Facet& facet, std::size_t corner, const Pose& pose, float distance_m) const;
 
   const Pinhole& camera_;
   const Panorama& panorama_;

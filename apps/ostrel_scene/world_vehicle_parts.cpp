@@ -1,5 +1,7 @@
 #include "world_vehicle_parts.h"
 
+#include <algorithm>
+
 namespace ostrel_scene {
 namespace {
 
@@ -33,7 +35,7 @@ Surface rubber() {
   return {screen_colour(34, 34, 35), 0.0F, 0.0F, 0.0F};
 }
 
-VehicleBuilder::VehicleBuilder(const Colour& paint) : paint_{paint, 0.55F, 0.35F, 0.0F} {}
+VehicleBuilder::VehicleBuilder(const Colour& paint) : paint_{paint, 0.7F, 0.5F, 0.0F} {}
 
 void VehicleBuilder::add_triangle(const Vec3& a, const Vec3& b, const Vec3& c, const Surface& surface,
                                   const Vec3& inside) {
@@ -83,29 +85,29 @@ void VehicleBuilder::add_body(const std::vector<Section>& sections, const Surfac
   }
 }
 
+void VehicleBuilder::add_pane(const std::array<Vec3, 4>& wall, float from, float to, const Vec3& inside) {
+  const auto at = [&](float u, float v) {
+    return between(between(wall[0], wall[1], u), between(wall[3], wall[2], u), v);
+  };
+  std::array<Vec3, 4> window = {at(from, 0.08F), at(to, 0.08F), at(to, 0.86F), at(from, 0.86F)};
+  const Vec3 normal = unit((wall[1] - wall[0]).cross(wall[3] - wall[0]));
+  const bool outwards = normal.dot(window[0] - inside) > 0.0F;
+  for (Vec3& corner : window) corner += normal * (outwards ? kProud_m : -kProud_m);
+  add_quad(window, glass(), inside);
+}
+
 void VehicleBuilder::add_cabin(const Cabin& c, const Surface& roof) {
   const auto belt = [&](float x, float side) { return Vec3(x, side * c.belt_half_width, c.belt_z); };
   const auto top = [&](float x, float side) { return Vec3(x, side * c.roof_half_width, c.roof_z); };
   const Vec3 inside(0.5F * (c.belt_rear + c.belt_front), 0.0F, 0.5F * (c.belt_z + c.roof_z));
-  const auto pane = [&](const std::array<Vec3, 4>& q, float left, float right) {
-    const auto at = [&](float u, float v) {
-      return between(between(q[0], q[1], u), between(q[3], q[2], u), v);
-    };
-    std::array<Vec3, 4> window = {at(left, 0.08F), at(right, 0.08F), at(right, 0.86F), at(left, 0.86F)};
-    const Vec3 middle = (window[0] + window[2]) * 0.5F;
-    const Vec3 raw = unit((q[1] - q[0]).cross(q[3] - q[0]));
-    const Vec3 out = raw.dot(middle - inside) > 0.0F ? raw : raw * -1.0F;
-    for (Vec3& corner : window) corner += out * kProud_m;
-    add_quad(window, glass(), inside);
-  };
   for (const float side : {-1.0F, 1.0F}) {
     const std::array<Vec3, 4> wall = {belt(c.belt_rear, side), belt(c.belt_front, side),
                                       top(c.roof_front, side), top(c.roof_rear, side)};
     add_quad(wall, roof, inside);
     const float share = 0.94F / static_cast<float>(std::max(1, c.side_windows));
     for (int i = 0; i < c.side_windows; ++i) {
-      const float left = 0.03F + share * static_cast<float>(i);
-      pane(wall, left + 0.02F, left + share - 0.03F);
+      const float from = 0.03F + share * static_cast<float>(i);
+      add_pane(wall, from + 0.02F, from + share - 0.03F, inside);
     }
   }
   const std::array<Vec3, 4> front = {belt(c.belt_front, -1), belt(c.belt_front, 1), top(c.roof_front, 1),
@@ -114,8 +116,8 @@ void VehicleBuilder::add_cabin(const Cabin& c, const Surface& roof) {
                                     top(c.roof_rear, -1)};
   add_quad(front, roof, inside);
   add_quad(rear, roof, inside);
-  pane(front, 0.06F, 0.94F);
-  if (c.rear_window) pane(rear, 0.08F, 0.92F);
+  add_pane(front, 0.06F, 0.94F, inside);
+  if (c.rear_window) add_pane(rear, 0.08F, 0.92F, inside);
   add_quad({top(c.roof_rear, -1), top(c.roof_front, -1), top(c.roof_front, 1), top(c.roof_rear, 1)}, roof,
            inside);
 }

@@ -42,6 +42,8 @@ class VehicleBuilder {
 
  private:
   void add_triangle(const Vec3& a, const Vec3& b, const Vec3& c, const Surface& surface, const Vec3& inside);
+  // A window in a wall, between two shares of its length.
+  void add_pane(const std::array<Vec3, 4>& wall, float from, float to, const Vec3& inside);
   void add_disc(const Vec3& centre, float radius_m, float side, const Surface& surface);
 
   Surface paint_;
