@@ -163,6 +163,20 @@ void plant_if_free(Grower& grower, const Plant& plant) {
   if (leaves_view_of_road(plant.foot, plant.height_m) && !on_overpass(plant.foot)) grower.grow(plant);
 }
 
+// Lower growth around the wood, so that it does not stand there like one tree.
+void plant_wood_edge(Grower& grower) {
+  for (int i = 0; i < 26; ++i) {
+    Plant plant;
+    plant.foot =
+        before_road(grower.dice.between(46.0F, 80.0F), kNearOuterLane_m, grower.dice.between(13.0F, 38.0F));
+    plant.height_m = grower.dice.between(1.4F, 6.5F);
+    plant.crown_from = plant.height_m < 3.0F ? 0.0F : 0.12F;
+    plant.crown_width = grower.dice.between(0.8F, 1.2F);
+    plant.green = green_of(grower.dice);
+    plant_if_free(grower, plant);
+  }
+}
+
 void scatter_singles(Grower& grower) {
   for (int i = 0; i < 90; ++i) {
     Plant plant;
@@ -236,6 +250,7 @@ void grow_plants(StaticScene& scene, std::uint32_t seed, float smallest_radian) 
   Grower grower{scene, Dice(seed + 1000U), smallest_radian};
   plant_row_of_three(grower);
   plant_wood(grower);
+  plant_wood_edge(grower);
   scatter_singles(grower);
   plant_hedges(grower);
   plant_far_woods(grower);

@@ -125,7 +125,8 @@ void VehicleBuilder::add_cabin(const Cabin& c, const Surface& roof) {
 void VehicleBuilder::add_disc(const Vec3& centre, float radius, float side, const Surface& surface) {
   const auto rim = [&](int i) {
     const float turn = 2.0F * kPi_f * static_cast<float>(i) / kWheelSides;
-    return centre + Vec3(radius * std::cos(turn), 0.0F, radius * std::sin(turn));
+    const Vec3 place = centre + Vec3(radius * std::cos(turn), 0.0F, radius * std::sin(turn));
+    return Vec3(place.x, place.y, std::max(0.0F, place.z));  // a wheel arch ends at the road
   };
   const Vec3 inside = centre - Vec3(0.0F, side, 0.0F);
   for (int i = 0; i < kWheelSides; ++i) add_triangle(centre, rim(i), rim(i + 1), surface, inside);

@@ -107,7 +107,7 @@ VehicleModel make_truck(const Colour& paint) {
   b.add_wheels(2.75F, -2.35F, kHalf, 0.48F);
   b.add_ends(3.74F, -3.80F, 1.08F, 0.80F);
   b.add_mirrors(3.55F, 1.15F, 1.7F);
-  return b.finish(7.6F, 2.43F, 3.20F);
+  return b.finish(7.75F, 2.43F, 3.20F);
 }
 
 }  // namespace

@@ -1,0 +1,411 @@
+// The parts of the renderer: what is drawn where, what hides what, where shadows fall, who drives where.
+#include <gtest/gtest.h>
+#include <ostrel_scene/world_land.h>
+#include <ostrel_scene/world_panorama.h>
+#include <ostrel_scene/world_raster.h>
+#include <ostrel_scene/world_sensor.h>
+#include <ostrel_scene/world_story.h>
+#include <ostrel_scene/world_vehicle_layer.h>
+
+#include <algorithm>
+#include <opencv2/imgproc.hpp>
+
+namespace ostrel_scene {
+namespace {
+
+const cv::Size kPicture(240, 136);
+const Colour kRed(0.0F, 0.0F, 200.0F), kBlue(200.0F, 0.0F, 0.0F);
+
+CameraView view_of(const Vec3& point, double hfov_deg) {
+  const Direction direction = direction_to(point);
+  CameraView view;
+  view.pan_deg = direction.pan_deg;
+  view.tilt_deg = direction.tilt_deg;
+  view.hfov_deg = hfov_deg;
+  view.vfov_deg = 0.5666 * hfov_deg;
+  return view;
+}
+
+Corner corner(float x, float y, float nearness, const Colour& colour) {
+  return {{x, y, nearness}, colour};
+}
+
+void draw_square(SampleBuffer& buffer, float left, float right, float nearness, const Colour& colour) {
+  const Corner a = corner(left, 2, nearness, colour), b = corner(right, 2, nearness, colour);
+  const Corner c = corner(right, 6, nearness, colour), d = corner(left, 6, nearness, colour);
+  buffer.draw(a, b, c);
+  buffer.draw(a, c, d);
+}
+
+TEST(Pinhole, ProjectsWhatItsRaysHit) {
+  const Pinhole camera(view_of({30.0F, 140.0F, 0.0F}, 30.0), kPicture);
+  for (const cv::Point2f place :
+       {cv::Point2f(3.0F, 5.0F), cv::Point2f(120.0F, 68.0F), cv::Point2f(230.0F, 130.0F)}) {
+    const Vec3 ray = unit(camera.ray(place.x, place.y));
+    ScreenPoint screen;
+    ASSERT_TRUE(camera.project(camera_position() + ray * 170.0F, screen));
+    EXPECT_NEAR(screen.x_px, place.x, 0.01F);
+    EXPECT_NEAR(screen.y_px, place.y, 0.01F);
+    EXPECT_NEAR(1.0F / screen.nearness, 170.0F, 0.05F);
+    EXPECT_FALSE(camera.project(camera_position() - ray * 170.0F, screen));
+  }
+}
+
+TEST(SampleBuffer, CoversTheAreaOfWhatIsDrawn) {
+  SampleBuffer buffer({0, 0, 16, 8}, 4);
+  draw_square(buffer, 3.0F, 7.5F, 0.1F, kRed);
+  EXPECT_NEAR(cv::sum(buffer.coverage())[0], 4.5 * 4.0, 0.01);
+  const cv::Mat colour = buffer.colour_and_coverage();
+  EXPECT_EQ(colour.at<cv::Vec4f>(3, 4), cv::Vec4f(0, 0, 200, 1));
+  EXPECT_NEAR(colour.at<cv::Vec4f>(3, 7)[3], 0.5F, 0.01F);
+  EXPECT_NEAR(colour.at<cv::Vec4f>(3, 7)[2], 100.0F, 1.0F);
+  EXPECT_EQ(colour.at<cv::Vec4f>(3, 9), cv::Vec4f(0, 0, 0, 0));
+  SampleBuffer round({-20, -20, 40, 40}, 4);
+  round.draw(Disc{{0.3F, -0.2F, 0.1F}, 9.0F, kRed});
+  EXPECT_NEAR(cv::sum(round.coverage())[0], 3.14159 * 81.0, 3.0);
+}
+
+TEST(SampleBuffer, ShowsTheNearestWhateverTheOrder) {
+  for (const bool near_first : {true, false}) {
+    SampleBuffer buffer({0, 0, 16, 8}, 2);
+    if (near_first) draw_square(buffer, 3.0F, 7.0F, 0.2F, kRed);
+    draw_square(buffer, 1.0F, 12.0F, 0.1F, kBlue);
+    if (!near_first) draw_square(buffer, 3.0F, 7.0F, 0.2F, kRed);
+    EXPECT_EQ(buffer.colour_and_coverage().at<cv::Vec4f>(4, 5)[2], 200.0F);
+    EXPECT_EQ(buffer.colour_and_coverage().at<cv::Vec4f>(4, 9)[0], 200.0F);
+    EXPECT_FLOAT_EQ(buffer.nearness().at<float>(4, 5), 0.2F);
+    EXPECT_FLOAT_EQ(buffer.nearness().at<float>(4, 9), 0.1F);
+    EXPECT_EQ(buffer.nearness().at<float>(4, 14), 0.0F);
+  }
+}
+
+TEST(NoisePlane, RepeatsWithoutASeamAndFadesWithTheFootprint) {
+  const NoisePlane noise(5);
+  double sum = 0.0, squares = 0.0;
+  constexpr int kPoints = 4000;
+  for (int i = 0; i < kPoints; ++i) {
+    const float x = 0.37F * static_cast<float>(i % 173), y = 0.53F * static_cast<float>(i / 23);
+    const auto value = static_cast<double>(noise.at(x, y));
+    EXPECT_NEAR(noise.at(x + 64.0F, y - 64.0F), value, 1e-3);
+    sum += value;
+    squares += value * value;
+  }
+  EXPECT_NEAR(sum / kPoints, 0.0, 0.05);
+  EXPECT_NEAR(std::sqrt(squares / kPoints), 0.48, 0.1);
+  EXPECT_NE(noise.band(3.0F, 4.0F, 2.0F, 0.1F), 0.0F);
+  EXPECT_EQ(noise.band(3.0F, 4.0F, 2.0F, 2.0F), 0.0F);
+}
+
+TEST(Ground, CoversAStripeByItsShareOfTheFootprint) {
+  EXPECT_NEAR(stripe_cover(5.0F, 5.0F, 0.5F, 0.2F), 1.0F, 1e-4F);
+  EXPECT_NEAR(stripe_cover(5.0F, 5.0F, 0.5F, 4.0F), 0.25F, 1e-4F);
+  EXPECT_NEAR(stripe_cover(5.5F, 5.0F, 0.5F, 0.2F), 0.5F, 1e-4F);
+  EXPECT_NEAR(stripe_cover(6.0F, 5.0F, 0.5F, 0.2F), 0.0F, 1e-4F);
+}
+
+TEST(Land, MeasuresTheOffsetFromTheMainRoad) {
+  for (const float x : {-130.0F, -20.0F, 60.0F, 120.0F}) {
+    for (const float offset : {-10.0F, -5.25F, 1.75F, 30.0F}) {
+      const Vec3 point = main_road_point(x, offset);
+      EXPECT_NEAR(main_road_offset(point.x, point.y), offset, 0.1F);
+    }
+    const Vec3 road = main_road_point(x, kNearOuterLane_m), before = before_road(x, kNearOuterLane_m, 12.0F);
+    EXPECT_NEAR(length(road - before), 12.0F, 1e-3F);
+    EXPECT_NEAR(direction_to(road).pan_deg, direction_to(before).pan_deg, 1e-3);
+  }
+  const Vec3 point = overpass_point(-14.0F, 3.0F);
+  EXPECT_FLOAT_EQ(point.z, kDeckHeight_m);
+  const cv::Point2f place = overpass_place(point.x, point.y);
+  EXPECT_NEAR(place.x, -14.0F, 1e-3F);
+  EXPECT_NEAR(place.y, 3.0F, 1e-3F);
+  EXPECT_EQ(overpass_height(kDeckHalfLength_m + kRampLength_m), 0.0F);
+}
+
+TEST(SunMap, ThrowsShadowsAwayFromTheSun) {
+  SunMap map;
+  const Vec3 high(10.0F, 120.0F, 8.0F);
+  for (int i = 0; i < 12; ++i) map.add_leaf(high, 1.5F);
+  map.add_triangle({60, 100, 0}, {70, 100, 0}, {65, 112, 0});
+  map.finish();
+  const Vec3 shade = shadow_of(high, 0.0F);
+  EXPECT_LT(map.share_at(shade.x, shade.y), 0.05F);
+  EXPECT_GT(map.share_at(high.x, high.y), 0.95F);
+  EXPECT_LT(map.share_above(high - to_sun() * 2.0F), 0.05F);
+  EXPECT_LT(map.share_at(65.0F, 104.0F), 0.05F);
+  EXPECT_EQ(map.share_at(5000.0F, 0.0F), 1.0F);
+}
+
+// A world with nothing but ground and what a test puts there.
+struct Scenery {
+  Ground ground{3};
+  StaticScene scene;
+  std::unique_ptr<Panorama> panorama;
+
+  void finish() {
+    scene.sun_map.finish();
+    panorama = std::make_unique<Panorama>(panorama_density(kPicture.width), ground, scene);
+  }
+};
+
+constexpr float kWallAt_m = 100.0F;
+
+// An upright wall across the view, from the left up to the line of sight to x = 0.
+void add_wall(StaticScene& scene) {
+  const auto magenta = [](const Vec3&) { return Colour(1.0F, 0.0F, 1.0F); };
+  add_quad(
+      scene,
+      {{Vec3(-40, kWallAt_m, 0), Vec3(0, kWallAt_m, 0), Vec3(0, kWallAt_m, 14), Vec3(-40, kWallAt_m, 14)}},
+      2.0F, magenta);
+}
+
+TEST(Panorama, ShowsWhatStandsInItsPlaceAndAtItsDistance) {
+  Scenery scenery;
+  add_wall(scenery.scene);
+  scenery.finish();
+  for (const double hfov_deg : {18.0, 36.0, 70.0}) {
+    const Vec3 on_wall(-4.0F, kWallAt_m, 6.0F), beside(4.0F, kWallAt_m, 6.0F);
+    const Pinhole camera(view_of({0.0F, kWallAt_m, 6.0F}, hfov_deg), kPicture);
+    const cv::Rect all(cv::Point(), kPicture);
+    const cv::Mat picture = scenery.panorama->picture(camera, all);
+    const Panorama::Standing standing = scenery.panorama->standing(camera, all);
+    ScreenPoint inside, outside;
+    ASSERT_TRUE(camera.project(on_wall, inside) && camera.project(beside, outside));
+    const cv::Point in(cvFloor(inside.x_px), cvFloor(inside.y_px)),
+        out(cvFloor(outside.x_px), cvFloor(outside.y_px));
+    EXPECT_GT(picture.at<cv::Vec3b>(in)[2] - picture.at<cv::Vec3b>(in)[1], 40);
+    EXPECT_LT(std::abs(picture.at<cv::Vec3b>(out)[0] - picture.at<cv::Vec3b>(out)[1]), 90);
+    EXPECT_EQ(standing.colour.at<cv::Vec4b>(in)[3], 255);
+    EXPECT_EQ(standing.colour.at<cv::Vec4b>(out)[3], 0);
+    EXPECT_NEAR(standing.distance_m.at<float>(in), distance_to_camera(on_wall), 1.5F);
+    EXPECT_GT(standing.distance_m.at<float>(out), 3000.0F);
+  }
+}
+
+TEST(Panorama, CutsAPartAsItCutsTheWhole) {
+  Scenery scenery;
+  add_wall(scenery.scene);
+  scenery.finish();
+  const Pinhole camera(view_of({0.0F, kWallAt_m, 6.0F}, 25.0), kPicture);
+  const cv::Mat whole = scenery.panorama->picture(camera, {cv::Point(), kPicture});
+  const cv::Rect part(83, 41, 60, 50);
+  cv::Mat difference;
+  cv::absdiff(whole(part), scenery.panorama->picture(camera, part), difference);
+  EXPECT_LE(cv::norm(difference, cv::NORM_INF), 6.0);
+  EXPECT_LT(cv::mean(difference)[1], 0.2);
+}
+
+struct Placed {
+  VehicleModel model = make_vehicle(VehicleKind::kPickUp, screen_colour(142, 62, 42));
+
+  VehicleView at(const Vec3& place, const Pinhole& camera) const {
+    VehicleView view;
+    EXPECT_TRUE(look_at({&model, {place, 0.0F}}, camera, view));
+    return view;
+  }
+};
+
+// What a vehicle's body changes in a picture; its shadow darkens all colours alike and does not count.
+cv::Rect coloured_area(const cv::Mat& with, const cv::Mat& without) {
+  cv::Mat changed(with.size(), CV_8UC1, cv::Scalar(0));
+  for (int y = 0; y < with.rows; ++y) {
+    for (int x = 0; x < with.cols; ++x) {
+      const cv::Vec3b a = with.at<cv::Vec3b>(y, x), b = without.at<cv::Vec3b>(y, x);
+      if (std::abs((a[2] - a[1]) - (b[2] - b[1])) > 14) changed.at<uchar>(y, x) = 255;
+    }
+  }
+  return cv::boundingRect(changed);
+}
+
+TEST(VehicleLayer, DrawsAVehicleExactlyInItsBox) {
+  Scenery scenery;
+  scenery.finish();
+  const Placed pick_up;
+  const Vec3 place(3.0F, 118.0F, 0.0F);
+  const Pinhole camera(view_of(place, 8.0), kPicture);
+  const VehicleView view = pick_up.at(place, camera);
+  const VehicleLayer layer(camera, *scenery.panorama, scenery.scene.sun_map, kPicture);
+  const cv::Mat empty = scenery.panorama->picture(camera, {cv::Point(), kPicture});
+  cv::Mat picture = empty.clone();
+  layer.draw({view}, {}, picture);
+  const cv::Rect seen = coloured_area(picture, empty);
+  EXPECT_NEAR(seen.x, view.box_px.x, 2.5F);
+  EXPECT_NEAR(seen.br().x, view.box_px.br().x, 2.5F);
+  EXPECT_NEAR(seen.y, view.box_px.y, 2.5F);
+  // The tyres at the bottom are grey as the shadow is.
+  EXPECT_NEAR(seen.br().y, view.box_px.br().y, 0.3F * view.box_px.height);
+  EXPECT_FLOAT_EQ(layer.visible_share(view, {}), 1.0F);
+}
+
+TEST(VehicleLayer, DrawsBehindAndBeforeWhatStands) {
+  Scenery scenery;
+  add_wall(scenery.scene);
+  scenery.finish();
+  const Placed pick_up;
+  // On the line of sight through the wall's left part: behind it, and before it.
+  const Vec3 behind(-9.0F, 108.0F, 0.0F), before(-9.0F, 92.0F, 0.0F), half_behind(-1.0F, 108.0F, 0.0F);
+  for (const Vec3& place : {behind, before, half_behind}) {
+    const Pinhole camera(view_of(place, 10.0), kPicture);
+    const VehicleView view = pick_up.at(place, camera);
+    const VehicleLayer layer(camera, *scenery.panorama, scenery.scene.sun_map, kPicture);
+    const cv::Mat empty = scenery.panorama->picture(camera, {cv::Point(), kPicture});
+    cv::Mat picture = empty.clone();
+    layer.draw({view}, {}, picture);
+    const double changed = cv::norm(picture(view.box_px), empty(view.box_px), cv::NORM_INF);
+    const float share = layer.visible_share(view, {});
+    if (place.x == half_behind.x) {
+      EXPECT_GT(share, 0.15F);
+      EXPECT_LT(share, 0.7F);
+    } else if (place.y > kWallAt_m) {
+      EXPECT_LE(changed, 1.0);
+      EXPECT_EQ(share, 0.0F);
+    } else {
+      EXPECT_GT(changed, 60.0);
+      EXPECT_FLOAT_EQ(share, 1.0F);
+    }
+  }
+}
+
+TEST(VehicleLayer, CountsWhatANearerVehicleHides) {
+  Scenery scenery;
+  scenery.finish();
+  const Placed pick_up;
+  const Vec3 place(0.0F, 118.0F, 0.0F);
+  const Pinhole camera(view_of(place, 10.0), kPicture);
+  const VehicleLayer layer(camera, *scenery.panorama, scenery.scene.sun_map, kPicture);
+  const VehicleView far = pick_up.at(place, camera),
+                    near = pick_up.at(place - Vec3(2.0F, 3.5F, 0.0F), camera);
+  EXPECT_FLOAT_EQ(layer.visible_share(near, {far, near}), 1.0F);
+  const float share = layer.visible_share(far, {far, near});
+  EXPECT_LT(share, 0.95F);
+  EXPECT_GT(share, 0.3F);
+}
+
+TEST(VehicleLayer, DarkensTheGroundOnTheSideAwayFromTheSun) {
+  Scenery scenery;
+  scenery.finish();
+  const Placed pick_up;
+  const Vec3 place(0.0F, 118.0F, 0.0F);
+  const Pinhole camera(view_of(place, 10.0), kPicture);
+  const VehicleLayer layer(camera, *scenery.panorama, scenery.scene.sun_map, kPicture);
+  const cv::Mat empty = scenery.panorama->picture(camera, {cv::Point(), kPicture});
+  cv::Mat picture = empty.clone();
+  layer.draw({pick_up.at(place, camera)}, {}, picture);
+  const auto change_at = [&](const Vec3& ground) {
+    ScreenPoint screen;
+    EXPECT_TRUE(camera.project(ground, screen));
+    const cv::Point pixel(cvFloor(screen.x_px), cvFloor(screen.y_px));
+    return static_cast<double>(picture.at<cv::Vec3b>(pixel)[1]) / empty.at<cv::Vec3b>(pixel)[1];
+  };
+  EXPECT_LT(change_at(place + Vec3(3.3F, 0.3F, 0.0F)), 0.85);
+  EXPECT_GT(change_at(place - Vec3(3.6F, 0.3F, 0.0F)), 0.97);
+}
+
+TEST(Smear, SpreadsAPointAlongItsLineAndKeepsItsLight) {
+  cv::Mat image(21, 41, CV_32FC1, cv::Scalar(0));
+  image.at<float>(10, 20) = 100.0F;
+  const cv::Mat line = smeared(image, {8.0F, 0.0F});
+  EXPECT_NEAR(cv::sum(line)[0], 100.0, 0.01);
+  EXPECT_NEAR(line.at<float>(10, 17), 12.5F, 0.5F);
+  EXPECT_EQ(line.at<float>(8, 20), 0.0F);
+  EXPECT_EQ(line.at<float>(10, 26), 0.0F);
+  EXPECT_EQ(cv::norm(smeared(image, {0.2F, 0.1F}), image, cv::NORM_INF), 0.0);
+}
+
+TEST(Sensor, AddsNoiseThatGrowsWithTheLightAndDarkensTheCorners) {
+  const cv::Size size(320, 180);
+  const Sensor sensor(size, 4);
+  const auto noise_of = [&](int level) {
+    cv::Mat image(size, CV_8UC3, cv::Scalar::all(level));
+    sensor.expose(0.0, image);
+    cv::Scalar mean, deviation;
+    cv::meanStdDev(image(cv::Rect(130, 70, 60, 40)), mean, deviation);
+    EXPECT_NEAR(mean[1], level, 3.0);
+    return deviation[1];
+  };
+  const double dark = noise_of(30), bright = noise_of(200);
+  EXPECT_GT(dark, 0.5);
+  EXPECT_GT(bright, dark);
+  EXPECT_LT(bright, 8.0);
+  cv::Mat image(size, CV_8UC3, cv::Scalar::all(200));
+  sensor.expose(0.0, image);
+  EXPECT_LT(cv::mean(image(cv::Rect(0, 0, 20, 20)))[1], 185.0);
+}
+
+TEST(Vehicles, FillTheSizeThatTheyName) {
+  for (int kind = 0; kind < kVehicleKinds; ++kind) {
+    const VehicleModel model = make_vehicle(static_cast<VehicleKind>(kind), Colour::all(0.5F));
+    EXPECT_GT(model.facets.size(), 100U);
+    Vec3 low(99, 99, 99), high(-99, -99, -99);
+    for (const Facet& facet : model.facets) {
+      EXPECT_NEAR(length(facet.normal), 1.0F, 1e-4F);
+      for (const Vec3& c : facet.corners) {
+        low = {std::min(low.x, c.x), std::min(low.y, c.y), std::min(low.z, c.z)};
+        high = {std::max(high.x, c.x), std::max(high.y, c.y), std::max(high.z, c.z)};
+      }
+    }
+    EXPECT_NEAR(high.x - low.x, model.length_m, 0.15F);
+    EXPECT_NEAR(high.y - low.y, model.width_m, 0.45F);  // mirrors stand out
+    EXPECT_NEAR(high.z, model.height_m, 0.12F);
+    EXPECT_NEAR(low.z, 0.0F, 0.05F);
+  }
+}
+
+TEST(Story, AddsUpTheWayOfAChangingSpeed) {
+  const std::vector<SpeedMark> marks = {{5.0F, 0.0F}, {10.0F, 8.0F}, {20.0F, 8.0F}, {24.0F, 4.0F}};
+  EXPECT_EQ(driven_m(marks, 4.0F), 0.0F);
+  EXPECT_FLOAT_EQ(driven_m(marks, 10.0F), 20.0F);
+  EXPECT_FLOAT_EQ(driven_m(marks, 15.0F), 60.0F);
+  EXPECT_FLOAT_EQ(driven_m(marks, 22.0F), 100.0F + 14.0F);
+  EXPECT_FLOAT_EQ(driven_m(marks, 26.0F), 100.0F + 24.0F + 8.0F);
+  EXPECT_FLOAT_EQ(speed_m_s(marks, 22.0F), 6.0F);
+  EXPECT_FLOAT_EQ(speed_m_s(marks, 99.0F), 4.0F);
+}
+
+TEST(Story, LetsTheLookAlikePassWithinOneLengthOfTheTarget) {
+  const Story story(7);
+  float closest = 1e9F;
+  for (float t = 10.0F; t < 14.0F; t += 0.1F) {
+    const auto all = story.vehicles(t);
+    EXPECT_EQ(all[0].model, all[1].model);
+    closest = std::min(closest, length(all[0].pose.position - all[1].pose.position));
+  }
+  EXPECT_LT(closest, story.target(0.0F).model->length_m);
+  EXPECT_GT(closest, 2.0F);
+}
+
+// No two vehicles overlap: the circles that each would need to turn on the spot are cut to its width.
+TEST(Story, KeepsVehiclesApart) {
+  for (const std::uint32_t seed : {1U, 2U, 3U, 4U}) {
+    const Story story(seed);
+    for (float t = 0.0F; t < 41.0F; t += 0.25F) {
+      const auto all = story.vehicles(t);
+      for (std::size_t i = 0; i < all.size(); ++i) {
+        for (std::size_t k = i + 1; k < all.size(); ++k) {
+          const Vec3 gap = all[k].pose.position - all[i].pose.position;
+          if (std::abs(gap.z) > 3.0F) continue;
+          const Vec3 ahead = all[i].pose.turned({1.0F, 0.0F, 0.0F}),
+                     aside = all[i].pose.turned({0.0F, 1.0F, 0.0F});
+          const float room_x = 0.5F * (all[i].model->length_m + all[k].model->length_m);
+          const float room_y = 0.45F * (all[i].model->width_m + all[k].model->width_m);
+          EXPECT_TRUE(std::abs(gap.dot(ahead)) > room_x || std::abs(gap.dot(aside)) > room_y)
+              << "seed " << seed << " at " << t << " s: " << i << " and " << k;
+        }
+      }
+    }
+  }
+}
+
+TEST(Story, HeadsWhereItDrives) {
+  const Story story(1);
+  for (const float t : {7.0F, 12.0F, 24.0F, 38.0F}) {
+    const auto now = story.vehicles(t), soon = story.vehicles(t + 0.05F);
+    for (std::size_t i = 0; i < now.size(); ++i) {
+      const Vec3 way = soon[i].pose.position - now[i].pose.position;
+      if (length(way) < 0.05F || length(way) > 5.0F) continue;
+      EXPECT_GT(unit(way).dot(now[i].pose.turned({1.0F, 0.0F, 0.0F})), 0.99F) << i;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace ostrel_scene
