@@ -10,9 +10,6 @@ namespace {
 using atom::CudaJointOptimizer;
 namespace host = ostrel::host_cuda;
 
-const char* const kNotReady = "CUDA joint optimizer state is not ready";
-const char* const kNotProjected = "CUDA joint optimizer projected feature state is not ready";
-
 std::string cuda_text(const std::string& label) {
   return label + ": " + cudaGetErrorString(cudaErrorUnknown);
 }

@@ -15,6 +15,9 @@
 
 namespace ostrel_test {
 
+inline constexpr const char* kNotReady = "CUDA joint optimizer state is not ready";
+inline constexpr const char* kNotProjected = "CUDA joint optimizer projected feature state is not ready";
+
 /// What a fit gave, as one joint vector.
 struct FitResult {
   std::vector<float> filter, projection;

@@ -18,10 +18,7 @@ const char* const kBadPreloadedSizes =
     "CUDA joint optimizer preloaded optimize sizes do not match requested dimensions";
 const char* const kBadRhs = "invalid CUDA joint optimizer rhs request";
 const char* const kBadRhsSizes = "CUDA joint optimizer rhs sizes do not match requested dimensions";
-const char* const kNotReady = "CUDA joint optimizer state is not ready";
 const char* const kBadDirection = "CUDA joint optimizer direction sizes do not match current dimensions";
-const char* const kNotProjected = "CUDA joint optimizer projected feature state is not ready";
-
 class JointOptimizerRefusals : public JointOptimizerTest {
  protected:
   std::vector<float> values_;

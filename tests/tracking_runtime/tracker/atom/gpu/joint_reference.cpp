@@ -5,10 +5,6 @@
 namespace ostrel_test {
 namespace {
 
-std::size_t at(int index) {
-  return static_cast<std::size_t>(index);
-}
-
 int plane_of(const JointProblem& problem) {
   return problem.shape.height * problem.shape.width;
 }
@@ -79,14 +75,14 @@ Doubles reference_response_change(const JointProblem& problem, const Doubles& jo
 
 Doubles reference_projection_gradient(int samples, int in_channels, int out_channels,
                                       int positions_per_sample, const Doubles& raw, const Doubles& gradient) {
-  Doubles result(at(in_channels * out_channels), 0.0);
+  Doubles result(as_index(in_channels * out_channels), 0.0);
   for (int n = 0; n < samples; ++n) {
     for (int o = 0; o < out_channels; ++o) {
       for (int c = 0; c < in_channels; ++c) {
         for (int position = 0; position < positions_per_sample; ++position) {
-          result[at(o * in_channels + c)] +=
-              gradient[at((n * out_channels + o) * positions_per_sample + position)] *
-              raw[at((n * in_channels + c) * positions_per_sample + position)];
+          result[as_index(o * in_channels + c)] +=
+              gradient[as_index((n * out_channels + o) * positions_per_sample + position)] *
+              raw[as_index((n * in_channels + c) * positions_per_sample + position)];
         }
       }
     }

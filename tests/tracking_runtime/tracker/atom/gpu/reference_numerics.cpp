@@ -6,10 +6,6 @@
 namespace ostrel_test {
 namespace {
 
-std::size_t at(int index) {
-  return static_cast<std::size_t>(index);
-}
-
 /// Calls visit(response index, feature index, tap index) for every product of the correlation.
 void for_each_product(const Shape& shape,
                       const std::function<void(std::size_t, std::size_t, std::size_t)>& visit) {
@@ -22,9 +18,9 @@ void for_each_product(const Shape& shape,
               const int row = y + i - shape.filter_height / 2;
               const int column = x + j - shape.filter_width / 2;
               if (row < 0 || row >= shape.height || column < 0 || column >= shape.width) continue;
-              visit(at((n * shape.height + y) * shape.width + x),
-                    at(((n * shape.channels + c) * shape.height + row) * shape.width + column),
-                    at((c * shape.filter_height + i) * shape.filter_width + j));
+              visit(as_index((n * shape.height + y) * shape.width + x),
+                    as_index(((n * shape.channels + c) * shape.height + row) * shape.width + column),
+                    as_index((c * shape.filter_height + i) * shape.filter_width + j));
             }
           }
         }
@@ -39,7 +35,7 @@ Doubles add_scaled(Doubles a, double scale, const Doubles& b) {
 }
 
 double weight_of(const TrainingProblem& problem, std::size_t position) {
-  return problem.weights[position / at(problem.shape.height * problem.shape.width)];
+  return problem.weights[position / as_index(problem.shape.height * problem.shape.width)];
 }
 
 }  // namespace
@@ -88,8 +84,8 @@ Doubles reference_projection(int samples, int in_channels, int out_channels, int
       for (int position = 0; position < positions_per_sample; ++position) {
         double sum = 0.0;
         for (int c = 0; c < in_channels; ++c) {
-          sum += projection[at(o * in_channels + c)] *
-                 features[at((n * in_channels + c) * positions_per_sample + position)];
+          sum += projection[as_index(o * in_channels + c)] *
+                 features[as_index((n * in_channels + c) * positions_per_sample + position)];
         }
         out.push_back(sum);
       }

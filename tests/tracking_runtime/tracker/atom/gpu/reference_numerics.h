@@ -10,6 +10,10 @@
 
 namespace ostrel_test {
 
+inline std::size_t as_index(int index) {
+  return static_cast<std::size_t>(index);
+}
+
 /// Product of sizes, as a number of elements.
 inline std::size_t product(std::initializer_list<int> sizes) {
   std::size_t count = 1;
