@@ -6,7 +6,7 @@ ostrel_packages=(
   libopencv-dev libssl-dev
   libclass-loader-dev libconsole-bridge-dev librcutils-dev librcpputils-dev
   libdnnl-dev libonnx-dev libprotobuf-dev protobuf-compiler
-  libcli11-dev nlohmann-json3-dev
+  libcli11-dev nlohmann-json3-dev gnuplot-nox
   libgtest-dev libgmock-dev libbenchmark-dev
 )
 

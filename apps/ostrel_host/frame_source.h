@@ -9,10 +9,20 @@
 
 namespace ostrel_host {
 
+// What a camera on a gimbal says about itself in the metadata of its frames.
+struct ViewMetadata {
+  double pan_deg = 0.0;
+  double tilt_deg = 0.0;
+  double hfov_deg = 0.0;
+  double vfov_deg = 0.0;
+  bool follow_me = false;
+};
+
 struct Frame {
   cv::Mat image;  // 8 bits, blue, green, red; empty where an image of a folder cannot be read
   std::uint64_t timestamp_ns = 0;
   std::string name;  // the file of an image, empty otherwise
+  std::optional<ViewMetadata> view = std::nullopt;
 };
 
 class FrameSource {

@@ -7,6 +7,8 @@
 
 #include "accuracy.h"
 #include "bad_input.h"
+#include "demo_command.h"
+#include "region.h"
 #include "render_command.h"
 #include "schema_command.h"
 #include "track_command.h"
@@ -19,9 +21,10 @@ constexpr int kExitFailure = 1;
 
 struct Commands {
   TrackOptions track;
+  DemoOptions demo;
   RenderOptions render;
   SchemaOptions schema;
-  std::string scene_size;
+  std::string size;
   std::string boxes;
   std::string truth;
 };
@@ -51,13 +54,31 @@ CLI::App* declare_track(CLI::App* app, TrackOptions* options) {
   return track;
 }
 
+CLI::App* declare_demo(CLI::App* app, Commands* commands) {
+  CLI::App* demo =
+      app->add_subcommand("demo", "Follow a vehicle through a rendered world with a camera on a gimbal");
+  DemoOptions& options = commands->demo;
+  demo->add_option("--engine", options.engine, "The backbone");
+  demo->add_option("--config", options.config_file, "A JSON file for the plug-in's setConfig");
+  demo->add_option("--set", options.settings, "One setting of it: path=value, may be repeated")->take_all();
+  demo->add_option("--seed", options.seed, "Seed of the world and of the camera's noise (default 1)");
+  demo->add_option("--size", commands->size, "Size of the pictures as WxH (default 960x540)");
+  demo->add_option("--seconds", options.seconds, "End the story after so many seconds")
+      ->check(CLI::Range(0.04, 3600.0));
+  demo->add_option("--out", options.out, "Folder for the results (default out)");
+  demo->add_option("--plugin", options.plugin, "The plug-in (default ../lib/libostrel_plugin.so)");
+  demo->add_flag("!--no-video", options.video, "Leave annotated.mp4 out");
+  demo->add_flag("--debug", options.debug, "Show the plug-in's own log");
+  return demo;
+}
+
 CLI::App* declare_render(CLI::App* app, Commands* commands) {
   CLI::App* render = app->add_subcommand("render", "Write a rendered clip with its ground truth");
   auto& scene = commands->render.scene;
   render->add_option("--out", commands->render.out, "clip.mp4, or a folder for images")->required();
   render->add_option("--frames", scene.frames, "Frames (default 240)")->check(CLI::Range(1, 1000000));
   render->add_option("--seed", scene.seed, "Seed of textures and motion (default 1)");
-  render->add_option("--size", commands->scene_size, "Size as WxH (default 640x360)");
+  render->add_option("--size", commands->size, "Size as WxH (default 640x360)");
   return render;
 }
 
@@ -86,18 +107,25 @@ int run_score(const std::string& boxes_file, const std::string& truth_file) {
   return 0;
 }
 
+void set_size(cv::Size size_px, Commands* commands) {
+  commands->demo.size_px = size_px;
+  commands->render.scene.width_px = size_px.width;
+  commands->render.scene.height_px = size_px.height;
+}
+
 int run(CLI::App* app, int argc, char** argv) {
   Commands commands;
   CLI::App* track = declare_track(app, &commands.track);
+  CLI::App* demo = declare_demo(app, &commands);
   CLI::App* render = declare_render(app, &commands);
   const CLI::App* schema = declare_schema(app, &commands.schema);
   declare_score(app, &commands);
   app->parse(argc, argv);
   if (track->parsed()) return run_track(commands.track);
   if (schema->parsed()) return run_schema(commands.schema);
-  if (!render->parsed()) return run_score(commands.boxes, commands.truth);
-  if (!commands.scene_size.empty()) parse_size(commands.scene_size, &commands.render.scene);
-  return run_render(commands.render);
+  if (!demo->parsed() && !render->parsed()) return run_score(commands.boxes, commands.truth);
+  if (!commands.size.empty()) set_size(parse_size(commands.size), &commands);
+  return demo->parsed() ? run_demo(commands.demo) : run_render(commands.render);
 }
 
 int complain(const std::string& what, int exit_code) {

@@ -67,6 +67,11 @@ void set_value(json* document, const std::string& path, json value) {
   *place = std::move(value);
 }
 
+bool wants_debug(bool asked, const json& document) {
+  const auto path = json::json_pointer("/debug/enabled");
+  return asked || (document.contains(path) && document.at(path) == true);
+}
+
 void apply_configuration(IAlgoPlugin& plugin, const json& document) {
   if (document.empty()) return;
   const json schema = json::parse(plugin.getConfigList(), nullptr, false);

@@ -17,6 +17,9 @@ nlohmann::json build_configuration(const std::string& file, const std::vector<st
 // Puts a value where a path such as "learning/update_iterations" leads; what stands in the way is replaced.
 void set_value(nlohmann::json* document, const std::string& path, nlohmann::json value);
 
+// Whether the plug-in's debug output is on for a run: asked for on the command line, or set by the document.
+bool wants_debug(bool asked, const nlohmann::json& document);
+
 // Hands a document to `setConfig`. Throws BadInput for a setting that the plug-in's schema does not allow
 // (`check_configuration`) and for what setConfig throws. An empty document does nothing.
 void apply_configuration(IAlgoPlugin& plugin, const nlohmann::json& document);

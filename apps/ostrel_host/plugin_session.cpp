@@ -20,9 +20,19 @@ double milliseconds_since(Clock::time_point start) {
   return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
 }
 
+optrix::OptrixPicture::BaseMetadata metadata_of(const ViewMetadata& view) {
+  using Keys = optrix::OptrixPicture::BaseMetadata::Keys;
+  return {{Keys::kPanDeg, view.pan_deg},
+          {Keys::kTiltDeg, view.tilt_deg},
+          {Keys::kHfovDeg, view.hfov_deg},
+          {Keys::kVfovDeg, view.vfov_deg},
+          {Keys::kFollowMeEnabledCommand, std::int32_t{view.follow_me ? 1 : 0}}};
+}
+
 }  // namespace
 
-PluginSession::PluginSession(IAlgoPlugin& plugin, bool verbose) : plugin_(plugin), verbose_(verbose) {}
+PluginSession::PluginSession(IAlgoPlugin& plugin, bool verbose, LogUse log_use)
+    : plugin_(plugin), verbose_(verbose), log_use_(log_use) {}
 
 IAlgoPlugin::Pictures PluginSession::pictures_of(const Frame& frame) {
   if (frame.image.empty()) return {};
@@ -32,31 +42,36 @@ IAlgoPlugin::Pictures PluginSession::pictures_of(const Frame& frame) {
       &error);
   if (picture == nullptr) throw std::runtime_error("a frame cannot be handed to the device: " + error);
   picture->setTimestamp(frame.timestamp_ns);
+  if (frame.view) picture->setBaseMetadata(metadata_of(*frame.view));
   return {std::move(picture)};
 }
 
-double PluginSession::start(const Frame& frame, const BBox& region) {
+StartResult PluginSession::start(const Frame& frame, const BBox& region) {
   const auto pictures = pictures_of(frame);
-  startup_log_ = std::make_unique<StartupLog>(plugin_, verbose_);
+  log_ = std::make_unique<PluginLog>(plugin_, verbose_);
   bool ok = false;
   const auto start = Clock::now();
-  plugin_.init(pictures, region, &ok);
-  const double init_ms = milliseconds_since(start);
-  if (!ok) {
-    throw BadInput("the plug-in refused the region " + to_text(region) + ": " + state().status);
-  }
-  return init_ms;
+  const auto outputs = plugin_.init(pictures, region, &ok);
+  StartResult result;
+  result.init_ms = milliseconds_since(start);
+  result.gimbal_target = gimbal_target(outputs);
+  result.state = state();
+  if (!ok) throw BadInput("the plug-in refused the region " + to_text(region) + ": " + result.state.status);
+  return result;
 }
 
 StepResult PluginSession::step(const Frame& frame) {
   const auto pictures = pictures_of(frame);
-  if (startup_log_ != nullptr) startup_log_->before_update();
+  if (log_ != nullptr) log_->before_update();
   bool ok = false;
   const auto start = Clock::now();
   const auto outputs = plugin_.update(pictures, &ok);
   StepResult result;
   result.update_ms = milliseconds_since(start);
-  if (startup_log_ != nullptr) startup_log_->after_update();
+  if (log_ != nullptr) {
+    log_->after_update();
+    result.told = PluginLog::take_news();
+  }
   result.published = published_detection(outputs);
   result.state = state();
   return result;
@@ -68,11 +83,11 @@ PluginState PluginSession::state() const {
 
 bool PluginSession::armed(const PluginState& state) {
   if (state.phase == "failed") {
-    const std::string cause = StartupLog::cause();
+    const std::string cause = PluginLog::cause();
     throw BadInput("tracking could not start: " + (cause.empty() ? state.status : cause));
   }
   if (state.phase != "ready") return false;
-  if (!verbose_) startup_log_.reset();
+  if (!verbose_ && log_use_ == LogUse::kStartUp) log_.reset();
   return true;
 }
 

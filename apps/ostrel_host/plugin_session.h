@@ -7,8 +7,8 @@
 #include <optional>
 
 #include "frame_source.h"
+#include "plugin_log.h"
 #include "plugin_state.h"
-#include "startup_log.h"
 
 namespace ostrel_host {
 
@@ -17,15 +17,26 @@ struct StepResult {
   std::optional<Detection> published;
   PluginState state;
   double update_ms = 0.0;
+  LogNews told;  // empty where the log is not read
 };
+
+// The answer to `init`.
+struct StartResult {
+  double init_ms = 0.0;
+  std::optional<GimbalTarget> gimbal_target;
+  PluginState state;
+};
+
+// For how long the plug-in's log is read.
+enum class LogUse { kStartUp, kWholeRun };
 
 class PluginSession {
  public:
   // With `verbose` the plug-in's debug output is on for the whole run.
-  PluginSession(IAlgoPlugin& plugin, bool verbose);
+  PluginSession(IAlgoPlugin& plugin, bool verbose, LogUse log_use = LogUse::kStartUp);
 
-  // Calls `init`; returns its time in milliseconds. Throws BadInput with the plug-in's word where it refuses.
-  double start(const Frame& frame, const BBox& region);
+  // Calls `init`. Throws BadInput with the plug-in's word where it refuses.
+  StartResult start(const Frame& frame, const BBox& region);
 
   // Calls `update` with the frame, or with no picture where the frame has no image.
   StepResult step(const Frame& frame);
@@ -44,7 +55,8 @@ class PluginSession {
 
   IAlgoPlugin& plugin_;
   bool verbose_;
-  std::unique_ptr<StartupLog> startup_log_;
+  LogUse log_use_;
+  std::unique_ptr<PluginLog> log_;
 };
 
 }  // namespace ostrel_host

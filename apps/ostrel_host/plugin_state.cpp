@@ -78,6 +78,15 @@ std::optional<Detection> published_detection(const std::vector<AlgoOutput>& outp
   return std::nullopt;
 }
 
+std::optional<GimbalTarget> gimbal_target(const std::vector<AlgoOutput>& outputs) {
+  for (const AlgoOutput& output : outputs) {
+    if (output.output_type != "gimbal_preposition.v1") continue;
+    return GimbalTarget{value_or<double>(output.payload, "target_pan_deg", 0.0),
+                        value_or<double>(output.payload, "target_tilt_deg", 0.0)};
+  }
+  return std::nullopt;
+}
+
 PluginState parse_state(const std::string& property_json) {
   json object = json::parse(property_json, nullptr, false);
   if (object.is_discarded()) object = json::parse(with_nulls_for_words(property_json), nullptr, false);

@@ -20,6 +20,15 @@ struct Detection {
 // The first detection of the first "detection.v1" output; nothing when no box was emitted.
 std::optional<Detection> published_detection(const std::vector<AlgoOutput>& outputs);
 
+// The direction of a "gimbal_preposition.v1" output: where the plug-in asks the camera to look.
+struct GimbalTarget {
+  double pan_deg = 0.0;
+  double tilt_deg = 0.0;
+};
+
+// Of the first such output, nothing where there is none.
+std::optional<GimbalTarget> gimbal_target(const std::vector<AlgoOutput>& outputs);
+
 // The members of `property` that the program reports.
 struct PluginState {
   std::string status;

@@ -35,7 +35,8 @@ std::string progress_line(std::size_t done, std::size_t total, double frames_per
   return line;
 }
 
-Progress::Progress(std::size_t total) : total_(total), interactive_(isatty(STDERR_FILENO) != 0) {}
+Progress::Progress(std::size_t total, Words words)
+    : total_(total), words_(words), interactive_(isatty(STDERR_FILENO) != 0) {}
 
 void Progress::waiting(const StepResult& result) {
   show("waiting: " + result.state.status, result);
@@ -49,7 +50,7 @@ void Progress::show(const std::string& line, const StepResult& result) {
   const bool changed = result.state.status != last_status_;
   last_status_ = result.state.status;
   if (!interactive_) {
-    if (changed) std::fprintf(stderr, "%s\n", line.c_str());
+    if (changed && words_ == Words::kTold) std::fprintf(stderr, "%s\n", line.c_str());
     return;
   }
   const auto now = std::chrono::steady_clock::now();
@@ -58,6 +59,14 @@ void Progress::show(const std::string& line, const StepResult& result) {
   line_open_ = true;
   std::fprintf(stderr, "\r%s\x1b[K", line.c_str());
   std::fflush(stderr);
+}
+
+void Progress::clear() {
+  if (!line_open_) return;
+  std::fputs("\r\x1b[K", stderr);
+  std::fflush(stderr);
+  line_open_ = false;
+  last_drawn_ = {};
 }
 
 void Progress::finish() {

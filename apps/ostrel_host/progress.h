@@ -16,14 +16,19 @@ std::string progress_line(std::size_t done, std::size_t total, double frames_per
 
 class Progress {
  public:
+  // Whether a change of the status word is told where there is no terminal for a bar.
+  enum class Words { kTold, kToldElsewhere };
+
   // `total` is 0 where it is not known.
-  explicit Progress(std::size_t total);
+  explicit Progress(std::size_t total, Words words = Words::kTold);
   ~Progress() { finish(); }
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
   void waiting(const StepResult& result);
   void frame(std::size_t done, double frames_per_second, const StepResult& result);
+  // Wipes the bar, so that a line of other output can take its place; the next frame draws it again.
+  void clear();
   // Ends the line that the bar stands on, so that what follows has its own.
   void finish();
 
@@ -31,6 +36,7 @@ class Progress {
   void show(const std::string& line, const StepResult& result);
 
   std::size_t total_;
+  Words words_;
   bool interactive_;
   bool line_open_ = false;
   std::string last_status_;

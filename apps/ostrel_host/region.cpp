@@ -1,5 +1,6 @@
 #include "region.h"
 
+#include <charconv>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -67,6 +68,18 @@ void require_inside(const BBox& region, cv::Size frame_px) {
   if (region.x < frame_px.width && region.y < frame_px.height && right > 0 && bottom > 0) return;
   throw BadInput("the region " + to_text(region) + " lies outside the frame of " +
                  std::to_string(frame_px.width) + "x" + std::to_string(frame_px.height));
+}
+
+cv::Size parse_size(const std::string& text) {
+  cv::Size size_px;
+  const char* end = text.data() + text.size();
+  const auto width = std::from_chars(text.data(), end, size_px.width);
+  const bool has_width = width.ec == std::errc() && width.ptr != end && *width.ptr == 'x';
+  const auto height = std::from_chars(has_width ? width.ptr + 1 : end, end, size_px.height);
+  if (!has_width || height.ec != std::errc() || height.ptr != end) {
+    throw BadInput("'" + text + "' is no size: WxH is needed, such as 640x360");
+  }
+  return size_px;
 }
 
 std::string to_text(const BBox& box) {

@@ -1,4 +1,4 @@
-// Regions on the command line and in files of boxes.
+// Regions and sizes on the command line and in files of boxes.
 #pragma once
 
 #include <IAlgoPlugin.h>
@@ -16,6 +16,9 @@ BBox parse_region(const std::string& text);
 
 // Throws BadInput where the region has a size and no pixel of it lies in the frame.
 void require_inside(const BBox& region, cv::Size frame_px);
+
+// "WxH", two whole numbers. Throws BadInput.
+cv::Size parse_size(const std::string& text);
 
 std::string to_text(const BBox& box);  // "x,y,w,h"
 

@@ -1,6 +1,5 @@
 #include "render_command.h"
 
-#include <charconv>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -51,16 +50,6 @@ WriteFrame image_writer(const fs::path& folder) {
 }
 
 }  // namespace
-
-void parse_size(const std::string& text, ostrel_scene::SceneOptions* scene) {
-  const char* end = text.data() + text.size();
-  const auto width = std::from_chars(text.data(), end, scene->width_px);
-  const bool has_width = width.ec == std::errc() && width.ptr != end && *width.ptr == 'x';
-  const auto height = std::from_chars(has_width ? width.ptr + 1 : end, end, scene->height_px);
-  if (!has_width || height.ec != std::errc() || height.ptr != end) {
-    throw BadInput("'" + text + "' is no size: WxH is needed, such as 640x360");
-  }
-}
 
 int run_render(const RenderOptions& options) {
   const std::string problem = ostrel_scene::why_invalid(options.scene);

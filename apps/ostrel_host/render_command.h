@@ -12,9 +12,6 @@ struct RenderOptions {
   ostrel_scene::SceneOptions scene;
 };
 
-// "WxH" into the scene's size. Throws BadInput.
-void parse_size(const std::string& text, ostrel_scene::SceneOptions* scene);
-
 // `out` ending in .mp4 or .avi is a video with groundtruth_rect.txt beside it; anything else is a folder that gets
 // img/00001.png and on, and groundtruth_rect.txt. Returns the exit code. Throws BadInput.
 int run_render(const RenderOptions& options);

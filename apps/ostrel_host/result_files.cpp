@@ -50,9 +50,12 @@ ResultFiles::ResultFiles(const std::filesystem::path& folder) : folder_(folder) 
   boxes_ = opened(folder / "boxes.txt");
 }
 
-void ResultFiles::write_frame(std::size_t frame, const StepResult& result) {
+void ResultFiles::write_frame(std::size_t frame, const StepResult& result,
+                              const nlohmann::ordered_json& more) {
+  nlohmann::ordered_json line = jsonl_line(frame, result);
+  for (const auto& [key, value] : more.items()) line[key] = value;
   // Words of a plug-in may hold any bytes; what is no UTF-8 is replaced.
-  jsonl_ << jsonl_line(frame, result).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+  jsonl_ << line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
   boxes_ << box_line(result) << '\n';
 }
 

@@ -21,7 +21,8 @@ class ResultFiles {
   // Makes the folder where needed. Throws BadInput where it or the files cannot be written.
   explicit ResultFiles(const std::filesystem::path& folder);
 
-  void write_frame(std::size_t frame, const StepResult& result);
+  // `more` is an object whose members go behind the others in the line of boxes.jsonl.
+  void write_frame(std::size_t frame, const StepResult& result, const nlohmann::ordered_json& more = {});
   void write_summary(const nlohmann::ordered_json& summary);
 
   const std::filesystem::path& folder() const { return folder_; }

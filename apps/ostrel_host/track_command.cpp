@@ -1,16 +1,16 @@
 #include "track_command.h"
 
 #include <chrono>
-#include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <optional>
 #include <thread>
 
 #include "accuracy.h"
 #include "annotated_video.h"
 #include "bad_input.h"
+#include "engine_choice.h"
 #include "frame_source.h"
+#include "interrupt.h"
 #include "loaded_plugin.h"
 #include "plugin_configuration.h"
 #include "plugin_session.h"
@@ -25,40 +25,11 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using nlohmann::json;
 
-constexpr char kEngineVariable[] = "OSTREL_TRACKER_ATOM_TRT_ENGINE";
-constexpr char kEngineSetting[] = "engine/tracker_engine_path";
 constexpr std::chrono::milliseconds kWaitInterval{2};
 constexpr double kDefaultVideoRate = 25.0;
 
-volatile std::sig_atomic_t g_interrupted = 0;
-
-// Ctrl-C ends the clip early; the files so far are completed.
-void stop_on_interrupt() {
-  std::signal(SIGINT, [](int) { g_interrupted = 1; });
-}
-
 double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-bool wants_debug(const TrackOptions& options, const json& configuration) {
-  const auto path = json::json_pointer("/debug/enabled");
-  return options.debug || (configuration.contains(path) && configuration.at(path) == true);
-}
-
-// The variable outranks the setting, so it must not outrank the command line.
-void use_engine(const std::string& engine, json* configuration) {
-  if (engine.empty()) return;
-  unsetenv(kEngineVariable);
-  set_value(configuration, kEngineSetting, engine);
-}
-
-// The engine that was asked for; null: the plug-in's own default.
-json engine_in_use(const json& configuration) {
-  const char* variable = std::getenv(kEngineVariable);
-  if (variable != nullptr && *variable != '\0') return variable;
-  const auto path = json::json_pointer(std::string("/") + kEngineSetting);
-  return configuration.contains(path) ? configuration.at(path) : nullptr;
 }
 
 double video_rate(const TrackOptions& options, const FrameSource& source) {
@@ -82,7 +53,7 @@ class TrackRun {
         configuration_(configuration),
         source_(source),
         plugin_(plugin),
-        session_(*plugin, wants_debug(options, configuration)),
+        session_(*plugin, wants_debug(options.debug, configuration)),
         files_(options.out),
         progress_(frames_expected()) {}
 
@@ -94,7 +65,7 @@ class TrackRun {
                      video_rate(options_, source_));
     }
     start_ = Clock::now();
-    statistics_.set_init_ms(session_.start(first, region));
+    statistics_.set_init_ms(session_.start(first, region).init_ms);
     if (options_.wait_ready) wait_until_armed(first);
     track_all(std::move(first));
     finish_start_up();
@@ -117,7 +88,7 @@ class TrackRun {
 
   // The answer that arms belongs to the first frame and is kept for it.
   void wait_until_armed(const Frame& first) {
-    while (g_interrupted == 0) {
+    while (!interrupted()) {
       StepResult result = session_.step(first);
       if (note_armed(result)) {
         first_answer_ = std::move(result);
@@ -132,7 +103,7 @@ class TrackRun {
   void track_all(Frame first) {
     const Clock::time_point loop_start = Clock::now();
     std::optional<Frame> frame = std::move(first);
-    for (std::size_t index = 0; frame && g_interrupted == 0; ++index) {
+    for (std::size_t index = 0; frame && !interrupted(); ++index) {
       pace(loop_start, index);
       track_one(index, *frame, loop_start);
       if (options_.frames != 0 && index + 1 == options_.frames) break;
@@ -160,7 +131,7 @@ class TrackRun {
 
   // A clip can end while the start-up still runs: its outcome is worth knowing.
   void finish_start_up() {
-    if (last_state_.phase == "warming_up" && g_interrupted == 0) session_.settle();
+    if (last_state_.phase == "warming_up" && !interrupted()) session_.settle();
   }
 
   void report() {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <IAlgoPlugin.h>
+#include <optrix/optrix_picture.h>
 
 #include <functional>
 #include <nlohmann/json.hpp>
@@ -14,8 +15,9 @@ class FakePlugin : public IAlgoPlugin {
  public:
   std::vector<AlgoOutput> init(const Pictures& pictures, const BBox&, bool* ok) override {
     pictures_at_init = pictures.size();
+    if (!pictures.empty()) metadata_at_init = pictures.front()->baseMetadata();
     *ok = accepts_init;
-    return {};
+    return answer_to_init;
   }
   std::vector<AlgoOutput> update(const Pictures& pictures, bool* ok) override {
     *ok = true;
@@ -48,7 +50,9 @@ class FakePlugin : public IAlgoPlugin {
   std::string schema = "{}";
   std::function<void(FakePlugin&)> on_update;
   std::function<void(FakePlugin&, const std::string&)> on_config;
+  std::vector<AlgoOutput> answer_to_init;
   std::size_t pictures_at_init = 0;
+  optrix::OptrixPicture::BaseMetadata metadata_at_init;
   std::vector<std::size_t> pictures_at_update;
   std::vector<std::string> configs;
 };

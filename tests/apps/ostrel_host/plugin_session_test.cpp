@@ -13,7 +13,7 @@ using namespace ostrel_host;
 using ostrel_test::FakePlugin;
 
 Frame small_frame() {
-  return {cv::Mat(16, 24, CV_8UC3, cv::Scalar::all(90)), 7, ""};
+  return {cv::Mat(16, 24, CV_8UC3, cv::Scalar::all(90)), 7, "", {}};
 }
 
 std::string message_of(const std::function<void()>& call) {
@@ -118,7 +118,88 @@ TEST(PluginSession, SettlesWithoutPicturesUntilTheStartUpHasEnded) {
   EXPECT_EQ(plugin.pictures_at_update, (std::vector<std::size_t>{0, 0, 0}));
 }
 
-TEST(StartupLog, FindsTheCauseInItsLineOnly) {
+TEST(PluginSession, TellsThePluginWhereTheCameraLooks) {
+  using Keys = optrix::OptrixPicture::BaseMetadata::Keys;
+  FakePlugin plugin;
+  PluginSession session(plugin, false);
+  Frame frame = small_frame();
+  frame.view = ViewMetadata{12.5, -14.0, 40.0, 23.0, true};
+  session.start(frame, {1, 2, 3, 4});
+  EXPECT_EQ(std::get<double>(plugin.metadata_at_init.at(Keys::kPanDeg)), 12.5);
+  EXPECT_EQ(std::get<double>(plugin.metadata_at_init.at(Keys::kTiltDeg)), -14.0);
+  EXPECT_EQ(std::get<double>(plugin.metadata_at_init.at(Keys::kHfovDeg)), 40.0);
+  EXPECT_EQ(std::get<double>(plugin.metadata_at_init.at(Keys::kVfovDeg)), 23.0);
+  EXPECT_EQ(std::get<std::int32_t>(plugin.metadata_at_init.at(Keys::kFollowMeEnabledCommand)), 1);
+}
+
+TEST(PluginSession, GivesAFrameWithoutAViewNoMetadata) {
+  FakePlugin plugin;
+  PluginSession session(plugin, false);
+  session.start(small_frame(), {1, 2, 3, 4});
+  EXPECT_TRUE(plugin.metadata_at_init.empty());
+}
+
+TEST(PluginSession, HandsOutTheGimbalTargetOfAStart) {
+  FakePlugin plugin;
+  PluginSession session(plugin, false);
+  EXPECT_FALSE(session.start(small_frame(), {1, 2, 3, 4}).gimbal_target);
+  plugin.status = "init_deferred_waiting_alignment";
+  plugin.answer_to_init = {
+      {"gimbal_preposition.v1", AlgoValue(AlgoValue::Object{{"target_pan_deg", AlgoValue(3.5)},
+                                                            {"target_tilt_deg", AlgoValue(-9.25)}})}};
+  const StartResult answer = session.start(small_frame(), {1, 2, 3, 4});
+  ASSERT_TRUE(answer.gimbal_target);
+  EXPECT_EQ(answer.gimbal_target->pan_deg, 3.5);
+  EXPECT_EQ(answer.gimbal_target->tilt_deg, -9.25);
+  EXPECT_EQ(answer.state.status, "init_deferred_waiting_alignment");
+}
+
+TEST(PluginSession, HearsEveryWordOfACallOverTheWholeRunWhereAsked) {
+  FakePlugin plugin;
+  PluginSession session(plugin, false, LogUse::kWholeRun);
+  session.start(small_frame(), {1, 2, 3, 4});
+  plugin.phase = "ready";
+  plugin.on_update = [](FakePlugin& self) {
+    if (!self.debug) return;
+    RCLCPP_INFO(rclcpp::get_logger("OstrelAlgo"),
+                "[TRACK_FLOW][OT] runtime_status steady_ns=%d status=%s detail=%s", 1, "teleport_ok",
+                "teleport_ok");
+  };
+  for (int frame = 0; frame < 2; ++frame) {
+    const StepResult result = session.step(small_frame());
+    EXPECT_TRUE(session.armed(result.state));
+    EXPECT_EQ(result.told.words, (std::vector<StatusWord>{{"teleport_ok", "teleport_ok"}})) << frame;
+  }
+  EXPECT_FALSE(plugin.debug);
+}
+
+TEST(PluginLog, ReadsWordsAndZoomStepsFromTheirLines) {
+  LogNews news;
+  add_news("[TRACK_FLOW][OT] runtime_status steady_ns=5 status=init_ok detail=-", &news);
+  add_news(
+      "[TRACK_FLOW][OT] runtime_status steady_ns=6 status=wait_alignment detail=dx_norm=0.2 dy_norm=-0.1",
+      &news);
+  add_news("[TRACK_FLOW][OT] zoom_changed steady_ns=7 scale_factor=1.05700 hfov_prev=40.000 hfov_now=37.843",
+           &news);
+  EXPECT_EQ(news.words,
+            (std::vector<StatusWord>{{"init_ok", ""}, {"wait_alignment", "dx_norm=0.2 dy_norm=-0.1"}}));
+  EXPECT_EQ(news.zoom_factors, (std::vector<double>{1.057}));
+}
+
+TEST(PluginLog, TakesNoNewsFromOtherLines) {
+  LogNews news;
+  for (const char* line :
+       {"", "[TRACK_FLOW][OT] zoom_changed_failed steady_ns=1 scale_factor=1.1",
+        "zoom_changed factor=1.1 status=ok", "runtime_status=track_ok detail=ok",
+        "[TRACK_FLOW][OT] runtime_status steady_ns=1", "[TRACK_FLOW][OT] runtime_status detail=a status=b",
+        "[TRACK_FLOW][OT] zoom_changed steady_ns=1"}) {
+    add_news(line, &news);
+  }
+  EXPECT_TRUE(news.words.empty());
+  EXPECT_TRUE(news.zoom_factors.empty());
+}
+
+TEST(PluginLog, FindsTheCauseInItsLineOnly) {
   EXPECT_EQ(cause_in_line(
                 "[TRACK_FLOW][OT] init_worker_result steady_ns=1 generation=1 ok=0 status=init_async_fail "
                 "detail=a detail=b warmup_ms=3.0"),

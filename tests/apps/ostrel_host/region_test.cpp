@@ -7,6 +7,7 @@ namespace {
 using ostrel_host::BadInput;
 using ostrel_host::parse_numbers;
 using ostrel_host::parse_region;
+using ostrel_host::parse_size;
 using ostrel_host::require_inside;
 using ostrel_host::to_text;
 
@@ -40,6 +41,14 @@ TEST(Region, MustTouchTheFrame) {
   for (const BBox& region : {BBox{640, 0, 10, 10}, BBox{0, 360, 10, 10}, BBox{-10, 0, 10, 10},
                              BBox{0, -10, 10, 10}, BBox{2147483647, 0, 2147483647, 10}}) {
     EXPECT_THROW(require_inside(region, frame), BadInput) << to_text(region);
+  }
+}
+
+TEST(Size, IsReadAsWidthAndHeight) {
+  EXPECT_EQ(parse_size("320x200"), cv::Size(320, 200));
+  for (const char* text :
+       {"", "x", "320", "320x", "x200", "320x200x", "320*200", "a320x200", "99999999999x5"}) {
+    EXPECT_THROW(parse_size(text), BadInput) << text;
   }
 }
 

@@ -39,15 +39,4 @@ TEST(Render, RefusesUnusableOptions) {
   EXPECT_THROW(run_render({folder.file("f", "") + "/a.mp4", {64, 64, 3, 1}}), BadInput);
 }
 
-TEST(Render, ReadsASize) {
-  ostrel_scene::SceneOptions scene;
-  parse_size("320x200", &scene);
-  EXPECT_EQ(scene.width_px, 320);
-  EXPECT_EQ(scene.height_px, 200);
-  for (const char* text :
-       {"", "x", "320", "320x", "x200", "320x200x", "320*200", "a320x200", "99999999999x5"}) {
-    EXPECT_THROW(parse_size(text, &scene), BadInput) << text;
-  }
-}
-
 }  // namespace

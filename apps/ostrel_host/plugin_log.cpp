@@ -1,4 +1,4 @@
-#include "startup_log.h"
+#include "plugin_log.h"
 
 #include <fcntl.h>
 #include <rcutils/error_handling.h>
@@ -7,8 +7,10 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 #include <mutex>
+#include <utility>
 
 namespace ostrel_host {
 namespace {
@@ -16,6 +18,7 @@ namespace {
 struct Sink {
   std::mutex mutex;
   std::string cause;
+  LogNews news;
   bool verbose = false;
   rcutils_logging_output_handler_t previous = nullptr;
 };
@@ -44,8 +47,10 @@ void receive(const rcutils_log_location_t* location, int severity, const char* n
              rcutils_time_point_value_t timestamp, const char* format, va_list* arguments) {
   Sink& target = sink();
   const std::lock_guard<std::mutex> lock(target.mutex);
-  const std::string cause = cause_in_line(formatted(format, arguments));
+  const std::string line = formatted(format, arguments);
+  const std::string cause = cause_in_line(line);
   if (!cause.empty()) target.cause = cause;
+  add_news(line, &target.news);
   if (target.verbose && target.previous != nullptr) {
     target.previous(location, severity, name, timestamp, format, arguments);
   }
@@ -69,24 +74,41 @@ std::string cause_in_line(const std::string& line) {
   return line.substr(word, detail - word) + " (" + line.substr(text, end - text) + ")";
 }
 
-StartupLog::StartupLog(IAlgoPlugin& plugin, bool verbose) : plugin_(plugin), verbose_(verbose) {
+void add_news(const std::string& line, LogNews* news) {
+  static const std::string kStatus = " status=", kDetail = " detail=", kFactor = " scale_factor=";
+  const auto is = [&](const char* event) { return line.find(std::string("[TRACK_FLOW][OT] ") + event) == 0; };
+  if (is("runtime_status ")) {
+    const std::size_t status = line.find(kStatus), detail = line.find(kDetail);
+    if (status == std::string::npos || detail == std::string::npos || detail < status) return;
+    const std::size_t word = status + kStatus.size();
+    const std::string text = line.substr(detail + kDetail.size());
+    news->words.push_back({line.substr(word, detail - word), text == "-" ? "" : text});
+  } else if (is("zoom_changed ")) {
+    const std::size_t factor = line.find(kFactor);
+    if (factor == std::string::npos) return;
+    news->zoom_factors.push_back(std::strtod(line.c_str() + factor + kFactor.size(), nullptr));
+  }
+}
+
+PluginLog::PluginLog(IAlgoPlugin& plugin, bool verbose) : plugin_(plugin), verbose_(verbose) {
   // A failure leaves the handler in force as it is, and the cause of a failed start-up untold.
   if (rcutils_logging_initialize() != RCUTILS_RET_OK) rcutils_reset_error();
   Sink& target = sink();
   const std::lock_guard<std::mutex> lock(target.mutex);
   target.cause.clear();
+  target.news = {};
   target.verbose = verbose;
   target.previous = rcutils_logging_get_output_handler();
   rcutils_logging_set_output_handler(receive);
   if (verbose) plugin_.enableDebug(true);
 }
 
-StartupLog::~StartupLog() {
+PluginLog::~PluginLog() {
   after_update();
   rcutils_logging_set_output_handler(sink().previous);
 }
 
-void StartupLog::before_update() {
+void PluginLog::before_update() {
   if (verbose_) return;
   flush_stdout();
   kept_stdout_ = dup(STDOUT_FILENO);
@@ -98,7 +120,7 @@ void StartupLog::before_update() {
   plugin_.enableDebug(true);
 }
 
-void StartupLog::after_update() {
+void PluginLog::after_update() {
   if (kept_stdout_ < 0) return;
   plugin_.enableDebug(false);
   flush_stdout();
@@ -107,7 +129,12 @@ void StartupLog::after_update() {
   kept_stdout_ = -1;
 }
 
-std::string StartupLog::cause() {
+LogNews PluginLog::take_news() {
+  const std::lock_guard<std::mutex> lock(sink().mutex);
+  return std::exchange(sink().news, {});
+}
+
+std::string PluginLog::cause() {
   const std::lock_guard<std::mutex> lock(sink().mutex);
   return sink().cause;
 }

@@ -1,0 +1,218 @@
+#include "demo_command.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <thread>
+
+#include "bad_input.h"
+#include "demo_camera.h"
+#include "demo_statistics.h"
+#include "demo_story.h"
+#include "demo_video.h"
+#include "engine_choice.h"
+#include "follow_controller.h"
+#include "interrupt.h"
+#include "loaded_plugin.h"
+#include "plugin_configuration.h"
+#include "plugin_session.h"
+#include "progress.h"
+#include "result_files.h"
+#include "run_statistics.h"
+#include "timeline_plot.h"
+
+namespace ostrel_host {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kSmallestWidth_px = 160;
+constexpr int kSmallestHeight_px = 90;
+constexpr int kLargestSide_px = 4096;
+// The plug-in counts it in real time, and frames are rendered slower than a camera takes them.
+constexpr double kDeadTimeout_s = 60.0;
+
+double seconds_since(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+void require_size(cv::Size size_px) {
+  const bool usable = size_px.width >= kSmallestWidth_px && size_px.height >= kSmallestHeight_px &&
+                      size_px.width <= kLargestSide_px && size_px.height <= kLargestSide_px;
+  if (usable) return;
+  throw BadInput("the demo films pictures from " + std::to_string(kSmallestWidth_px) + "x" +
+                 std::to_string(kSmallestHeight_px) + " up to " + std::to_string(kLargestSide_px) +
+                 " a side");
+}
+
+std::size_t frames_of(const DemoOptions& options, const ostrel_scene::World& world) {
+  const double whole_s = world.duration_s();
+  const double seconds = options.seconds > 0.0 ? std::min(options.seconds, whole_s) : whole_s;
+  return std::max<std::size_t>(1, static_cast<std::size_t>(std::floor(seconds * kDemoFrameRate + 1e-6)));
+}
+
+nlohmann::ordered_json more_of_frame(const DemoFrame& frame) {
+  const cv::Rect2d& truth = frame.truth.box_px;
+  return {{"time_s", frame.time_s},
+          {"truth", {truth.x, truth.y, truth.width, truth.height}},
+          {"visible_share", frame.truth.visible_share},
+          {"pan_deg", frame.view.pan_deg},
+          {"tilt_deg", frame.view.tilt_deg},
+          {"hfov_deg", frame.view.hfov_deg},
+          {"vfov_deg", frame.view.vfov_deg}};
+}
+
+// A run from the first view to its summary.
+class DemoRun {
+ public:
+  DemoRun(const DemoOptions& options, const nlohmann::json& configuration, LoadedPlugin& plugin)
+      : options_(options),
+        configuration_(configuration),
+        plugin_(plugin),
+        world_({options.size_px.width, options.size_px.height, options.seed}),
+        camera_(world_, options.seed),
+        story_(world_.events()),
+        session_(*plugin, wants_debug(options.debug, configuration), LogUse::kWholeRun),
+        files_(options.out),
+        expected_frames_(frames_of(options, world_)),
+        progress_(expected_frames_, Progress::Words::kToldElsewhere) {
+    if (options.video) video_.emplace((files_.folder() / "annotated.mp4").string(), options.size_px);
+  }
+
+  void run() {
+    start_ = Clock::now();
+    for (std::size_t index = 0; index < expected_frames_ && !interrupted(); ++index) {
+      pace(index);
+      DemoCamera::Shot shot = camera_.film(index);
+      if (index == 0) begin(shot);
+      follow(index, std::move(shot));
+    }
+    statistics_.set_wall_s(seconds_since(start_));
+    progress_.finish();
+    report();
+  }
+
+ private:
+  // The simulated clock never runs ahead of the real one: a start-up takes its time, and a camera has a rate.
+  void pace(std::size_t index) const {
+    const std::chrono::duration<double> due(static_cast<double>(index) / kDemoFrameRate);
+    std::this_thread::sleep_until(start_ + std::chrono::duration_cast<Clock::duration>(due));
+  }
+
+  void begin(const DemoCamera::Shot& shot) {
+    region_ = start_region(shot.truth, options_.size_px);
+    const StartResult answer = session_.start(shot.frame, region_);
+    init_at_ = Clock::now();
+    statistics_.set_init_ms(answer.init_ms);
+    tell(story_.started(answer));
+    if (answer.gimbal_target) {
+      camera_.gimbal().point_at({answer.gimbal_target->pan_deg, answer.gimbal_target->tilt_deg});
+    }
+  }
+
+  void follow(std::size_t index, DemoCamera::Shot shot) {
+    DemoFrame frame{static_cast<double>(index) / kDemoFrameRate, session_.step(shot.frame), shot.view,
+                    shot.truth};
+    const bool armed = session_.armed(frame.answer.state);
+    if (armed && !statistics_.ever_armed()) statistics_.set_ready_ms(1000.0 * seconds_since(init_at_));
+    if (armed) {
+      camera_.gimbal().turn(
+          controller_.steer(frame.answer.published, frame.view, options_.size_px, 1.0 / kDemoFrameRate));
+    }
+    camera_.advance(frame.time_s);
+    record(index, shot.frame.image, std::move(frame), armed);
+  }
+
+  void record(std::size_t index, const cv::Mat& image, DemoFrame frame, bool armed) {
+    tell(story_.frame(frame));
+    statistics_.add_frame(frame.answer, armed);
+    files_.write_frame(index, frame.answer, more_of_frame(frame));
+    if (video_) video_->write(image, frame, events_at(world_.events(), frame.time_s));
+    progress_.frame(index + 1, static_cast<double>(index + 1) / seconds_since(start_), frame.answer);
+    frames_.push_back(std::move(frame));
+  }
+
+  void tell(const std::vector<std::string>& lines) {
+    if (lines.empty()) return;
+    progress_.clear();
+    for (const std::string& line : lines) std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+  }
+
+  void report() {
+    const DemoReport judged = judge(frames_, world_.events());
+    const std::string no_picture = draw_timeline(files_.folder(), frames_, world_.events());
+    files_.write_summary(summary(judged));
+    std::printf("\n%zu frames of %dx%d in %.1f s, update %.1f ms in the median\n", statistics_.frames(),
+                options_.size_px.width, options_.size_px.height, seconds_since(start_),
+                statistics_.median_update_ms());
+    std::printf("status: %s\n", statistics_.status_line().c_str());
+    for (const std::string& line : to_lines(judged)) std::printf("%s\n", line.c_str());
+    if (!no_picture.empty()) std::printf("no timeline.png: %s\n", no_picture.c_str());
+    std::printf("results in %s: boxes.jsonl boxes.txt summary.json timeline.tsv timeline.gp%s%s\n",
+                files_.folder().c_str(), no_picture.empty() ? " timeline.png" : "",
+                video_ ? " annotated.mp4" : "");
+  }
+
+  nlohmann::ordered_json summary(const DemoReport& judged) const {
+    nlohmann::ordered_json object;
+    object["source"] = "demo";
+    object["seed"] = options_.seed;
+    object["frame_width"] = options_.size_px.width;
+    object["frame_height"] = options_.size_px.height;
+    object["frame_rate"] = kDemoFrameRate;
+    object["roi"] = {region_.x, region_.y, region_.w, region_.h};
+    object["plugin"] = plugin_.path();
+    object["engine"] = engine_in_use(configuration_);
+    object["configuration"] = configuration_;
+    object.update(statistics_.to_json());
+    object["demo"] = to_json_report(judged);
+    object["events"] = nlohmann::ordered_json::array();
+    for (const ostrel_scene::WorldEvent& event : world_.events()) {
+      object["events"].push_back({{"start_s", event.start_s}, {"end_s", event.end_s}, {"what", event.what}});
+    }
+    object["property"] = frames_.empty() ? nlohmann::json() : frames_.back().answer.state.properties;
+    return object;
+  }
+
+  const DemoOptions& options_;
+  const nlohmann::json& configuration_;
+  LoadedPlugin& plugin_;
+  ostrel_scene::World world_;
+  DemoCamera camera_;
+  FollowController controller_;
+  DemoStory story_;
+  PluginSession session_;
+  ResultFiles files_;
+  std::size_t expected_frames_;
+  Progress progress_;
+  RunStatistics statistics_;
+  std::optional<DemoVideo> video_;
+  std::vector<DemoFrame> frames_;
+  BBox region_;
+  Clock::time_point start_{};
+  Clock::time_point init_at_{};
+};
+
+}  // namespace
+
+nlohmann::json demo_configuration(const DemoOptions& options) {
+  nlohmann::json configuration{{"preposition", {{"enabled", true}}},
+                               {"runtime", {{"dead_timeout_s", kDeadTimeout_s}}}};
+  configuration.merge_patch(build_configuration(options.config_file, options.settings));
+  use_engine(options.engine, &configuration);
+  return configuration;
+}
+
+int run_demo(const DemoOptions& options) {
+  require_size(options.size_px);
+  const nlohmann::json configuration = demo_configuration(options);
+  LoadedPlugin plugin(options.plugin.empty() ? default_plugin_path() : options.plugin);
+  apply_configuration(*plugin, configuration);
+  stop_on_interrupt();
+  DemoRun(options, configuration, plugin).run();
+  return 0;
+}
+
+}  // namespace ostrel_host
