@@ -27,9 +27,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int kSmallestWidth_px = 160;
-constexpr int kSmallestHeight_px = 90;
-constexpr int kLargestSide_px = 4096;
 // The plug-in counts it in real time, and frames are rendered slower than a camera takes them.
 constexpr double kDeadTimeout_s = 60.0;
 
@@ -37,13 +34,11 @@ double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-void require_size(cv::Size size_px) {
-  const bool usable = size_px.width >= kSmallestWidth_px && size_px.height >= kSmallestHeight_px &&
-                      size_px.width <= kLargestSide_px && size_px.height <= kLargestSide_px;
-  if (usable) return;
-  throw BadInput("the demo films pictures from " + std::to_string(kSmallestWidth_px) + "x" +
-                 std::to_string(kSmallestHeight_px) + " up to " + std::to_string(kLargestSide_px) +
-                 " a side");
+ostrel_scene::WorldOptions world_options(const DemoOptions& options) {
+  const ostrel_scene::WorldOptions world{options.size_px.width, options.size_px.height, options.seed};
+  const std::string problem = ostrel_scene::why_invalid(world);
+  if (!problem.empty()) throw BadInput(problem);
+  return world;
 }
 
 std::size_t frames_of(const DemoOptions& options, const ostrel_scene::World& world) {
@@ -70,7 +65,7 @@ class DemoRun {
       : options_(options),
         configuration_(configuration),
         plugin_(plugin),
-        world_({options.size_px.width, options.size_px.height, options.seed}),
+        world_(world_options(options)),
         camera_(world_, options.seed),
         story_(world_.events()),
         session_(*plugin, wants_debug(options.debug, configuration), LogUse::kWholeRun),
@@ -206,7 +201,7 @@ nlohmann::json demo_configuration(const DemoOptions& options) {
 }
 
 int run_demo(const DemoOptions& options) {
-  require_size(options.size_px);
+  world_options(options);
   const nlohmann::json configuration = demo_configuration(options);
   LoadedPlugin plugin(options.plugin.empty() ? default_plugin_path() : options.plugin);
   apply_configuration(*plugin, configuration);

@@ -4,7 +4,7 @@ namespace ostrel_host {
 namespace {
 
 constexpr char kOpenStretch[] = "open";
-constexpr double kMargin_s = 1.0;    // from the edges of the stretch
+constexpr double kMargin_s = 0.5;    // from the edges of the stretch
 constexpr double kShortest_s = 2.0;  // that a zoom is worth holding
 
 }  // namespace

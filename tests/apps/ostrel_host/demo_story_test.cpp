@@ -73,15 +73,15 @@ TEST(DemoStory, TellsAZoomStepAtItsBeginningAndEnd) {
 }
 
 TEST(ZoomPlan, LiesInsideTheFirstOpenStretchThatIsLongEnough) {
-  const auto step = plan_zoom({{0.0, 5.0, "parked"}, {6.0, 9.0, "in the open"}, {10.0, 18.0, "in the open"}});
+  const auto step = plan_zoom({{0.0, 5.0, "parked"}, {6.0, 8.9, "in the open"}, {10.0, 18.0, "in the open"}});
   ASSERT_TRUE(step);
-  EXPECT_EQ(step->in_s, 11.0);
-  EXPECT_EQ(step->out_s, 17.0);
+  EXPECT_EQ(step->in_s, 10.5);
+  EXPECT_EQ(step->out_s, 17.5);
 }
 
 TEST(ZoomPlan, IsEmptyWithoutSuchAStretch) {
   EXPECT_FALSE(plan_zoom({}));
-  EXPECT_FALSE(plan_zoom({{0.0, 50.0, "parked"}, {0.0, 3.9, "in the open"}}));
+  EXPECT_FALSE(plan_zoom({{0.0, 50.0, "parked"}, {0.0, 2.9, "in the open"}}));
 }
 
 }  // namespace
