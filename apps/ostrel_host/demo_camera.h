@@ -11,8 +11,8 @@
 
 namespace ostrel_host {
 
-constexpr double kWideHfov_deg = 40.0;
-constexpr double kTeleHfov_deg = 25.0;
+constexpr double kWideHfov_deg = 32.0;
+constexpr double kTeleHfov_deg = 20.0;
 
 class DemoCamera {
  public:

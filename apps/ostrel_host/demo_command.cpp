@@ -28,7 +28,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 // The plug-in counts it in real time, and frames are rendered slower than a camera takes them.
-constexpr double kDeadTimeout_s = 60.0;
+constexpr double kDeadTimeout_s = 300.0;
 
 double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
