@@ -1,5 +1,6 @@
 #include "ostrel_plugin/algo_fixture.h"
 #include "ostrel_plugin/scripted_clock.h"
+#include "ostrel_plugin/scripted_overlays.h"
 #include "ostrel_plugin/src/steady_clock.h"
 
 namespace ostrel_test {
@@ -10,24 +11,6 @@ using testing::Contains;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
-
-/// Moves a box of the tracker aside.
-struct AsideOverlay : ITrackingOverlay {
-  void process(TrackingContext& context) override { ++context.bbox.x; }
-  void reset() override {}
-};
-
-/// Says the same of every frame.
-struct VerdictOverlay : ITrackingOverlay {
-  VerdictOverlay(bool alive, bool publish) : alive_(alive), publish_(publish) {}
-  void process(TrackingContext& context) override {
-    context.alive = alive_;
-    context.publish = publish_;
-  }
-  void reset() override {}
-  bool alive_;
-  bool publish_;
-};
 
 class AlgoLiveness : public AlgoTest {
  protected:
@@ -190,7 +173,7 @@ std::vector<IdleFrame> idleFrames() {
        makePicture()},
       {"overlay_rejected", withOverlay([] { return new VerdictOverlay(true, false); }), makePicture()},
       {"overlay_dead", withOverlay([] { return new VerdictOverlay(false, false); }), makePicture()},
-      {"overlay_bbox_hold", withOverlay([] { return new AsideOverlay; }), makePicture()},
+      {"overlay_bbox_hold", withOverlay([] { return new ShiftOverlay(1, 0); }), makePicture()},
       {"update_skip_no_frame", [](OstrelAlgo&) {}, nullptr},
       {"update_skip_source_size_changed", [](OstrelAlgo&) {}, makePicture(32, 24)},
       {"update_skip_invalid_proc_size", [](OstrelAlgo& algo) { Access::processingWidth(algo) = 0; },

@@ -3,6 +3,7 @@
 
 #include "ostrel_plugin/algo_fixture.h"
 #include "ostrel_plugin/scripted_clock.h"
+#include "ostrel_plugin/scripted_overlays.h"
 #include "support/document_tables.h"
 
 /// Every log line of the plug-in object, brought about in one tour and held against the page for integrators: each
@@ -10,11 +11,6 @@
 
 namespace ostrel_test {
 namespace {
-
-struct AsideOverlay : ITrackingOverlay {
-  void process(TrackingContext& context) override { ++context.bbox.x; }
-  void reset() override {}
-};
 
 class AlgoLogLines : public AlgoTest {
  protected:
@@ -50,7 +46,7 @@ class AlgoLogLines : public AlgoTest {
     update(view(0, 0, 40));
   }
   void loseTheTarget() {
-    Access::overlays(*algo).push_back(std::make_unique<AsideOverlay>());
+    Access::overlays(*algo).push_back(std::make_unique<ShiftOverlay>(1, 0));
     update(view(0, 0, 40));
     Access::inverseScaleX(*algo) = 50.0F;
     update(view(0, 0, 40));  // a box beyond the frame

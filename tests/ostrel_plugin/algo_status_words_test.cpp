@@ -4,6 +4,7 @@
 
 #include "ostrel_plugin/algo_fixture.h"
 #include "ostrel_plugin/scripted_clock.h"
+#include "ostrel_plugin/scripted_overlays.h"
 #include "ostrel_plugin/status_words.h"
 
 /// Every status word, brought about and read where a host can read it: in the log, since some are replaced within
@@ -50,11 +51,6 @@ class StatusRun : public AlgoTest {
 
  private:
   std::unique_ptr<HeldStarts> held_;
-};
-
-struct AsideOverlay : ITrackingOverlay {
-  void process(TrackingContext& context) override { ++context.bbox.x; }
-  void reset() override {}
 };
 
 struct Scenario {
@@ -236,7 +232,7 @@ std::vector<Scenario> frameScenarios() {
       {"overlay_bbox_hold", "ok_atom_native_cpp_backend",
        [](StatusRun& run) {
          run.track();
-         Access::overlays(run.object()).push_back(std::make_unique<AsideOverlay>());
+         Access::overlays(run.object()).push_back(std::make_unique<ShiftOverlay>(1, 0));
          run.frame();
        }},
       {"overlay_rejected", "",

@@ -2,6 +2,7 @@
 #include <stdexcept>
 
 #include "ostrel_plugin/algo_fixture.h"
+#include "ostrel_plugin/scripted_overlays.h"
 
 namespace ostrel_test {
 namespace {
@@ -10,25 +11,6 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Not;
-
-/// Moves the box away by some pixels.
-struct ShiftOverlay : ITrackingOverlay {
-  explicit ShiftOverlay(const ::BBox& by) : by_(by) {}
-  void process(TrackingContext& context) override {
-    context.bbox.x += by_.x;
-    context.bbox.w += by_.w;
-  }
-  void reset() override {}
-  ::BBox by_;
-};
-
-/// Records what the chain is handed.
-struct SpyOverlay : ITrackingOverlay {
-  explicit SpyOverlay(std::vector<TrackingContext>* seen) : seen_(seen) {}
-  void process(TrackingContext& context) override { seen_->push_back(context); }
-  void reset() override {}
-  std::vector<TrackingContext>* seen_;
-};
 
 class AlgoUpdate : public AlgoTest {
  protected:
@@ -329,7 +311,7 @@ TEST_F(AlgoUpdate, EmitsNothingForADeadFrame) {
 TEST_F(AlgoUpdate, EmitsTheBoxOfAnOverlayThatMovedItAsAHold) {
   startTracking();
   Access::overlays(*algo).clear();
-  Access::overlays(*algo).push_back(std::make_unique<ShiftOverlay>(::BBox{-100, 0, -500, 0}));
+  Access::overlays(*algo).push_back(std::make_unique<ShiftOverlay>(-100, -500));
   const auto alive_since = Access::lastTrackOkNs(*algo);
   answerBox(20, 10, 12, 8, 0.75F);
   algo->enableDebug(true);
