@@ -48,7 +48,7 @@ struct World::Impl {
   }
 
   cv::Size size() const { return {options.width_px, options.height_px}; }
-  std::vector<VehicleView> vehicles_in_view(double time_s, const CameraView& view) const;
+  std::vector<VehicleView> vehicles_before(double time_s, const CameraView& view) const;
   Smear standing_smear(const CameraView& view) const;
 
   WorldOptions options;
@@ -71,8 +71,8 @@ Smear World::Impl::standing_smear(const CameraView& view) const {
   return {last.x_px - first.x_px, last.y_px - first.y_px};
 }
 
-// Those in view, the farthest first, with their motion over the exposure.
-std::vector<VehicleView> World::Impl::vehicles_in_view(double time_s, const CameraView& view) const {
+// Those before the camera, with their motion over the exposure.
+std::vector<VehicleView> World::Impl::vehicles_before(double time_s, const CameraView& view) const {
   const Pinhole camera(view, size());
   const Pinhole opening(after(view, -0.5 * kExposure_s), size()),
       closing(after(view, 0.5 * kExposure_s), size());
@@ -89,8 +89,6 @@ std::vector<VehicleView> World::Impl::vehicles_in_view(double time_s, const Came
     seen.smear_px = {last.x_px - first.x_px, last.y_px - first.y_px};
     result.push_back(seen);
   }
-  std::stable_sort(result.begin(), result.end(),
-                   [](const VehicleView& a, const VehicleView& b) { return a.distance_m > b.distance_m; });
   return result;
 }
 
@@ -121,7 +119,7 @@ cv::Mat World::render(double time_s, const CameraView& view) const {
   const Smear smear = impl_->standing_smear(view);
   cv::Mat image = smeared(impl_->panorama.picture(camera, {cv::Point(), impl_->size()}), smear);
   const VehicleLayer layer(camera, impl_->panorama, impl_->scene.sun_map, impl_->size());
-  layer.draw(impl_->vehicles_in_view(time_s, view), smear, image);
+  layer.draw(impl_->vehicles_before(time_s, view), smear, image);
   impl_->sensor.expose(time_s, image);
   return image;
 }
@@ -134,7 +132,7 @@ TargetTruth World::target(double time_s, const CameraView& view) const {
   truth.box_px = target.box_px;
   const VehicleLayer layer(camera, impl_->panorama, impl_->scene.sun_map, impl_->size());
   truth.visible_share =
-      static_cast<double>(layer.visible_share(target, impl_->vehicles_in_view(time_s, view)));
+      static_cast<double>(layer.visible_share(target, impl_->vehicles_before(time_s, view)));
   return truth;
 }
 

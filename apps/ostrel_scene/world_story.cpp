@@ -64,9 +64,9 @@ std::vector<WorldEvent> make_events() {
           {14.3, 17.0, "behind trees in part"},
           {17.0, 21.1, "open stretch"},
           {21.1, 24.1, "under the bridge"},
-          {24.1, 28.0, "open road"},
-          {28.0, 34.1, "behind the wood"},
-          {34.1, kDuration_s, "open again"}};
+          {24.1, 27.6, "open road"},
+          {27.6, 34.7, "behind the wood"},
+          {34.7, kDuration_s, "open again"}};
 }
 
 }  // namespace
@@ -107,8 +107,11 @@ Story::Story(std::uint32_t seed) : events_(make_events()) {
   for (const float ahead : {48.0F, 101.0F})
     travellers_.push_back(
         {random_model(dice), false, kNearOuterLane_m, target_x(10.0F) + ahead - 85.0F, 8.5F});
-  parked_.push_back({random_model(dice), {main_road_point(-108.5F, kLayByOffset_m - 0.5F), 0.21F}});
-  parked_.push_back({random_model(dice), {main_road_point(-131.5F, kLayByOffset_m - 0.4F), 0.24F}});
+  // Low ones, so that the target stays in sight when it pulls out past them.
+  const std::size_t first = add_model(VehicleKind::kHatchback, random_paint(dice));
+  const std::size_t second = add_model(VehicleKind::kSedan, random_paint(dice));
+  parked_.push_back({first, {main_road_point(-108.5F, kLayByOffset_m - 0.5F), 0.21F}});
+  parked_.push_back({second, {main_road_point(-131.5F, kLayByOffset_m - 0.4F), 0.24F}});
 }
 
 std::size_t Story::add_model(VehicleKind kind, const Colour& paint) {

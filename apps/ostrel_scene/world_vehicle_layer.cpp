@@ -199,8 +199,10 @@ void VehicleLayer::draw_body(const VehicleView& view, const Smear& standing_smea
   }
 }
 
-void VehicleLayer::draw(const std::vector<VehicleView>& vehicles, const Smear& standing_smear,
+void VehicleLayer::draw(std::vector<VehicleView> vehicles, const Smear& standing_smear,
                         cv::Mat& image) const {
+  std::stable_sort(vehicles.begin(), vehicles.end(),
+                   [](const VehicleView& a, const VehicleView& b) { return a.distance_m > b.distance_m; });
   for (const VehicleView& view : vehicles) draw_shadow(view, standing_smear, image);
   for (const VehicleView& view : vehicles) draw_body(view, standing_smear, image);
 }

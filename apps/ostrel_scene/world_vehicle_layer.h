@@ -30,9 +30,9 @@ class VehicleLayer {
  public:
   VehicleLayer(const Pinhole& camera, const Panorama& panorama, const SunMap& sun_map, cv::Size picture);
 
-  // `vehicles`: the farthest first. `standing_smear_px`: how far the standing world, already in `image` (CV_8UC3),
-  // is smeared.
-  void draw(const std::vector<VehicleView>& vehicles, const Smear& standing_smear_px, cv::Mat& image) const;
+  // In any order; nearer vehicles hide farther ones. `standing_smear_px`: how far the standing world, already in
+  // `image` (CV_8UC3), is smeared.
+  void draw(std::vector<VehicleView> vehicles, const Smear& standing_smear_px, cv::Mat& image) const;
 
   // The share of a vehicle's pixels that lie inside the picture and that neither something standing nor a nearer one
   // of the `others` hides; the vehicle itself may be among those.

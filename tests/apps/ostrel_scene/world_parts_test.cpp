@@ -265,6 +265,45 @@ TEST(VehicleLayer, DrawsBehindAndBeforeWhatStands) {
   }
 }
 
+TEST(VehicleLayer, KeepsVehiclesBehindWhatStandsInASmearedPicture) {
+  Scenery scenery;
+  add_wall(scenery.scene);
+  scenery.finish();
+  const Placed pick_up;
+  const Vec3 behind(-9.0F, 108.0F, 0.0F);
+  const Pinhole camera(view_of(behind, 10.0), kPicture);
+  VehicleView view = pick_up.at(behind, camera);
+  const Smear smear(5.0F, 1.0F);
+  view.smear_px = smear;
+  const VehicleLayer layer(camera, *scenery.panorama, scenery.scene.sun_map, kPicture);
+  const cv::Mat empty = smeared(scenery.panorama->picture(camera, {cv::Point(), kPicture}), smear);
+  cv::Mat picture = empty.clone();
+  layer.draw({view}, smear, picture);
+  EXPECT_LE(cv::norm(picture(view.box_px), empty(view.box_px), cv::NORM_INF), 2.0);
+}
+
+TEST(VehicleLayer, DrawsNearerVehiclesOverFartherOnesInAnyOrder) {
+  Scenery scenery;
+  scenery.finish();
+  const Placed red;
+  Placed white;
+  white.model = make_vehicle(VehicleKind::kVan, screen_colour(230, 230, 230));
+  const Vec3 place(0.0F, 118.0F, 0.0F);
+  const Pinhole camera(view_of(place, 10.0), kPicture);
+  const VehicleLayer layer(camera, *scenery.panorama, scenery.scene.sun_map, kPicture);
+  const VehicleView far = white.at(place, camera), near = red.at(place - Vec3(0.0F, 3.5F, 0.0F), camera);
+  cv::Mat one = scenery.panorama->picture(camera, {cv::Point(), kPicture}), other = one.clone(),
+          alone = one.clone();
+  layer.draw({far, near}, {}, one);
+  layer.draw({near, far}, {}, other);
+  layer.draw({near}, {}, alone);
+  EXPECT_EQ(cv::norm(one, other, cv::NORM_INF), 0.0);
+  // The near one's middle shows, whatever is behind it.
+  const cv::Rect2f box = near.box_px;
+  const cv::Point middle(cvFloor(box.x + 0.5F * box.width), cvFloor(box.y + 0.55F * box.height));
+  EXPECT_LE(cv::norm(one.at<cv::Vec3b>(middle), alone.at<cv::Vec3b>(middle), cv::NORM_INF), 2.0);
+}
+
 TEST(VehicleLayer, CountsWhatANearerVehicleHides) {
   Scenery scenery;
   scenery.finish();

@@ -258,9 +258,9 @@ TEST(World, DrivesGently) {
 
 TEST(World, NamesWhatIsWrongWithItsOptions) {
   EXPECT_EQ(why_invalid(WorldOptions{}), "");
-  EXPECT_EQ(why_invalid({64, 1920, 1}), "");
-  EXPECT_EQ(why_invalid({63, 64, 1}), "a world's sides are 64 to 1920 pixels");
-  EXPECT_EQ(why_invalid({64, 1921, 1}), "a world's sides are 64 to 1920 pixels");
+  EXPECT_EQ(why_invalid(WorldOptions{64, 1920, 1}), "");
+  EXPECT_EQ(why_invalid(WorldOptions{63, 64, 1}), "a world's sides are 64 to 1920 pixels");
+  EXPECT_EQ(why_invalid(WorldOptions{64, 1921, 1}), "a world's sides are 64 to 1920 pixels");
 }
 
 }  // namespace
