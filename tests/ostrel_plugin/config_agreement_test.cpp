@@ -221,8 +221,9 @@ TEST_F(ConfigAgreement, HoldsInTheExampleOfThePage) {
 TEST(OstrelConfig, HoldsSearchScalesByTheirBits) {
   const OstrelConfig config;
   ASSERT_EQ(config.search_scales.size(), 3U);
-  const std::uint32_t expected[] = {0x3F734CE4, 0x3F800000, 0x3F866666};
-  EXPECT_EQ(std::memcmp(config.search_scales.data(), expected, sizeof(expected)), 0);
+  std::vector<std::uint32_t> bits(config.search_scales.size());
+  std::memcpy(bits.data(), config.search_scales.data(), bits.size() * sizeof(float));
+  EXPECT_EQ(bits, (std::vector<std::uint32_t>{0x3F734CE4, 0x3F800000, 0x3F866666}));
 }
 
 }  // namespace
