@@ -128,26 +128,6 @@ TEST_F(PluginLive, KeepsItsSettingsForADocumentThatIsNone) {
   EXPECT_FALSE(see().empty());
 }
 
-TEST_F(PluginLive, TakesSettingsWhileTrainingsRun) {
-  plugin_.set({{"learning", {{"frames_between_learning", 1}, {"update_iterations", 100}}},
-               {"tracking", {{"min_update_confidence", 0.0}, {"min_update_scale_margin", 0.0}}}});
-  start();
-  testing::internal::CaptureStderr();
-  for (int round = 0; round < 12; ++round) {
-    see();
-    plugin_.set({{"learning",
-                  {{"learning_rate", 0.01 * (round + 1)},
-                   {"filter_regularization", 0.5 * (round + 1)},
-                   {"max_sample_history", 8 + round}}}});
-  }
-  EXPECT_GT(overlap_of(see()), 0.5);
-  const std::string lines = testing::internal::GetCapturedStderr();
-  // Each change has awaited the training before it, so that every frame could start one.
-  EXPECT_THAT(lines, HasSubstr("[CudaRuntimeBackend][train] job=12 "));
-  EXPECT_THAT(lines, HasSubstr("job=1 frame=1 reason=periodic done status=ok iter=100"));
-  EXPECT_EQ(plugin_.status(), "track_ok") << plugin_.property();
-}
-
 TEST_F(PluginLive, HoldsTheBoxWhileMoreScalesAreAskedForThanTheEngineWasBuiltFor) {
   start();
   const auto box = see();

@@ -51,6 +51,33 @@ TEST_F(PluginRun, RunsTwoInstancesOnTwoThreads) {
   EXPECT_NE((*plugins[0]).getUuid(), (*plugins[1]).getUuid());
 }
 
+TEST_F(PluginRun, TakesSettingsWhileTrainingsRun) {
+  DrivenPlugin plugin = create();
+  plugin.set({{"learning",
+               {{"startup_filter_iterations", 5},
+                {"feature_projection_dim", 16},
+                {"frames_between_learning", 1},
+                {"update_iterations", 100}}},
+              {"tracking", {{"min_update_confidence", 0.0}, {"min_update_scale_margin", 0.0}}}});
+  const PicturePtr frame = uploaded(makeScene().render(0).image);
+  ASSERT_TRUE(plugin.init(frame, asBox(makeScene().target_at(0))));
+  plugin.settle(frame);
+  ASSERT_EQ(plugin.phase(), "ready") << plugin.property();
+  testing::internal::CaptureStderr();
+  for (int round = 0; round < 8; ++round) {
+    plugin.update(frame);
+    EXPECT_EQ(plugin.status(), "track_ok") << plugin.property();
+    plugin.set({{"learning",
+                 {{"learning_rate", 0.01 * (round + 1)},
+                  {"filter_regularization", 0.5 * (round + 1)},
+                  {"max_sample_history", 8 + round}}}});
+  }
+  const std::string lines = testing::internal::GetCapturedStderr();
+  // Each change has awaited the training before it, so that every frame could start one.
+  EXPECT_THAT(lines, testing::HasSubstr("[CudaRuntimeBackend][train] job=8 "));
+  EXPECT_THAT(lines, testing::HasSubstr(" reason=periodic done status=ok iter=100"));
+}
+
 TEST_F(PluginRun, ReturnsFromInitAndWarmUpBeforeTheTrackerIsReady) {
   const auto scene = makeScene();
   const PicturePtr first = uploaded(scene.render(0).image);
