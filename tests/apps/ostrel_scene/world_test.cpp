@@ -89,8 +89,9 @@ TEST(World, NoiseChangesWithTimeThoughNothingMoves) {
   CameraView fields = at_target(kParked_s, 4.0);
   fields.tilt_deg = -30.0;
   const cv::Mat a = world().render(1.0, fields), b = world().render(1.04, fields);
-  EXPECT_GT(difference(a, b), 0.0);
-  EXPECT_LT(cv::norm(a, b, cv::NORM_L1) / static_cast<double>(a.total() * 3), 6.0);
+  const double mean_change = cv::norm(a, b, cv::NORM_L1) / static_cast<double>(a.total() * 3);
+  EXPECT_GT(mean_change, 0.8);
+  EXPECT_LT(mean_change, 6.0);
 }
 
 TEST(World, NamesItsEventsInOrderInsideItsDuration) {
