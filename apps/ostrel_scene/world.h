@@ -14,7 +14,7 @@ namespace ostrel_scene {
 
 // Where the camera looks: pan grows to the right, tilt grows upwards and is negative for a view down on the
 // ground. The fields of view are whole angles between opposite edges, 1 to 120 degrees; pictures are fully sharp
-// down to 24 degrees and softer below. What there is to see lies within pan -70 to 70 and tilt -37 to 6.
+// down to 24 degrees and softer below. What there is to see lies within pan -80 to 80 and tilt -37 to 6.
 struct CameraView {
   double pan_deg = 0.0;
   double tilt_deg = 0.0;

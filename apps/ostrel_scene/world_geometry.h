@@ -6,6 +6,7 @@
 
 #include <ostrel_scene/world.h>
 
+#include <algorithm>
 #include <cmath>
 #include <opencv2/core.hpp>
 

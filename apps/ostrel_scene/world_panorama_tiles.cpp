@@ -6,7 +6,7 @@
 namespace ostrel_scene {
 namespace {
 
-constexpr float kLeftmost_rad = -1.3F, kRightmost_rad = 1.3F;
+constexpr float kLeftmost_rad = -1.4F, kRightmost_rad = 1.4F;
 constexpr float kTop = 0.12F, kBottom = -0.76F;  // height over distance
 constexpr float kHorizon = -0.004F;
 constexpr int kTile_px = 192;

@@ -1,5 +1,6 @@
 #include "world_sun_map.h"
 
+#include <array>
 #include <opencv2/imgproc.hpp>
 
 #include "world_light.h"
