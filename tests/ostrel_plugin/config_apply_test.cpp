@@ -9,6 +9,7 @@
 #include "ostrel_plugin/config_documents.h"
 #include "ostrel_plugin/src/ostrel_config.h"
 #include "ostrel_plugin/src/ostrel_config_io.h"
+#include "support/comma_locale.h"
 #include "support/stack_thread.h"
 
 namespace {
@@ -77,6 +78,30 @@ TEST_F(ConfigApply, WritesNumbersIntoTextsByTheirDigits) {
   EXPECT_TRUE(changes(R"({"engine":{"tracker_engine_path":"","reference_trace_path":1.5}})"));
   EXPECT_EQ(config_.tracker_engine_path, "");
   EXPECT_EQ(config_.reference_trace_path, "1.500000");
+}
+
+TEST_F(ConfigApply, TurnsTextsAndNumbersIntoEachOtherWithTheDecimalSignOfTheHost) {
+  const ostrel_test::CommaLocale locale;
+  EXPECT_TRUE(changes(R"({"processing":{"search_area_factor":"55,5e-1","search_scales":["15,5e-1"]},
+                          "learning":{"filter_regularization":"2.5e0"},"target":{"class_name":1.5}})"));
+  EXPECT_EQ(config_.search_area_factor, 5.55F);
+  EXPECT_EQ(config_.search_scales, ScaleList{1.55F});
+  EXPECT_EQ(config_.filter_regularization, 2.0F);  // the point ends the number
+  EXPECT_EQ(config_.class_name, "1,500000");
+  EXPECT_TRUE(changes(R"({"processing":{"search_area_factor":5.5,"search_scales":[1.5,"1.25"]},
+                          "learning":{"filter_regularization":"2.5"}})"));
+  EXPECT_EQ(config_.search_area_factor, 5.5F);
+  EXPECT_EQ(config_.search_scales, (ScaleList{1.5F, 1.25F}));
+  EXPECT_EQ(config_.filter_regularization, 2.5F);
+}
+
+TEST_F(ConfigApply, ReadsQuotedDigitsAsTheNumberThatTheyAre) {
+  EXPECT_TRUE(changes(R"({"engine":{"tracker_engine_path":"010","reference_trace_path":"5000000000"},
+                          "target":{"class_name":"1.50"},"debug":{"enabled":"2"}})"));
+  EXPECT_EQ(config_.tracker_engine_path, "8");
+  EXPECT_EQ(config_.reference_trace_path, "0");
+  EXPECT_EQ(config_.class_name, "1.500000");
+  EXPECT_TRUE(config_.debug_enabled);  // the number 2, not the text
 }
 
 TEST_F(ConfigApply, LeavesAMemberWhoseValueHasNoUse) {
