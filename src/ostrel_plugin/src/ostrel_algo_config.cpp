@@ -1,6 +1,5 @@
-#include <cctype>
-
 #include "json_core/sw_json_document.h"
+#include "json_core/text_bytes.h"
 #include "ostrel_plugin/src/algo_log.h"
 #include "ostrel_plugin/src/ostrel_algo.h"
 #include "ostrel_plugin/src/ostrel_config_io.h"
@@ -19,7 +18,7 @@ const char* trueOrFalse(bool value) {
 }
 
 std::size_t skipWhiteSpace(const std::string& text, std::size_t index) {
-  while (index < text.size() && std::isspace(static_cast<unsigned char>(text[index])) != 0) ++index;
+  while (index < text.size() && is_white_space(text[index])) ++index;
   return index;
 }
 

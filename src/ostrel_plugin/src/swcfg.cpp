@@ -4,6 +4,7 @@
 #include <cctype>
 #include <exception>
 
+#include "json_core/text_bytes.h"
 #include "tracking_runtime/tracker/atom/rounding.h"
 
 namespace swcfg {
@@ -11,10 +12,6 @@ namespace {
 
 using Kind = SwJsonValue::Kind;
 using ostrel_tracker::tracking_runtime::tracker::atom::truncate_to_int;
-
-bool is_space(char character) {
-  return std::isspace(static_cast<unsigned char>(character)) != 0;
-}
 
 // By comparisons, so that a NaN stays what it is.
 template <typename T>
@@ -111,8 +108,8 @@ std::string toLower(std::string text) {
 }
 
 std::string trim(std::string text) {
-  text.erase(text.begin(), std::find_if_not(text.begin(), text.end(), is_space));
-  text.erase(std::find_if_not(text.rbegin(), text.rend(), is_space).base(), text.end());
+  text.erase(text.begin(), std::find_if_not(text.begin(), text.end(), is_white_space));
+  text.erase(std::find_if_not(text.rbegin(), text.rend(), is_white_space).base(), text.end());
   return text;
 }
 

@@ -14,7 +14,7 @@ namespace swcfg {
 
 /// Byte by byte with `tolower`.
 std::string toLower(std::string text);
-/// Without the `isspace` characters at both ends.
+/// Without the white space at both ends, that of the parser.
 std::string trim(std::string text);
 
 /// The parts between slashes or backslashes, trimmed, without the empty ones.
