@@ -22,6 +22,7 @@ namespace {
 
 using ostrel_test::kConfigMembers;
 using ostrel_test::NamedMember;
+using ostrel_test::SameMember;
 
 struct Range {
   double min = -std::numeric_limits<double>::infinity();
@@ -100,15 +101,6 @@ struct HasNan {
   template <typename T>
   bool operator()(T OstrelConfig::* /*member*/) const {
     return false;
-  }
-};
-
-struct SameMember {
-  const OstrelConfig& left;
-  const OstrelConfig& right;
-  template <typename T>
-  bool operator()(T OstrelConfig::*member) const {
-    return left.*member == right.*member;
   }
 };
 

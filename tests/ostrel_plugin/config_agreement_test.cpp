@@ -22,6 +22,7 @@ using ostrel_test::document_text;
 using ostrel_test::kConfigMembers;
 using ostrel_test::NamedMember;
 using ostrel_test::parsed_document;
+using ostrel_test::SameMember;
 using ostrel_test::schema_settings;
 using ostrel_test::SchemaSetting;
 
@@ -47,15 +48,6 @@ struct Holds {
 bool holds(const OstrelConfig& config, const ConfigMember& member, const ordered_json& value) {
   return std::visit(Holds{config, value}, member);
 }
-
-struct SameMember {
-  const OstrelConfig& left;
-  const OstrelConfig& right;
-  template <typename T>
-  bool operator()(T OstrelConfig::*member) const {
-    return left.*member == right.*member;
-  }
-};
 
 struct MemberAddress {
   const OstrelConfig& config;

@@ -19,6 +19,16 @@ struct NamedMember {
   ConfigMember member;
 };
 
+/// Whether two records agree in a member.
+struct SameMember {
+  const OstrelConfig& left;
+  const OstrelConfig& right;
+  template <typename T>
+  bool operator()(T OstrelConfig::*member) const {
+    return left.*member == right.*member;
+  }
+};
+
 /// Which member of the record a path means. Types, bounds, defaults and order come from the schema text.
 // clang-format off
 inline const std::array<NamedMember, 51> kConfigMembers = {{
