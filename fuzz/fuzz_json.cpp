@@ -14,7 +14,7 @@ void require(bool condition) {
   if (!condition) std::abort();
 }
 
-bool same_bits(double a, double b) {
+bool same_number(double a, double b) {
   return a == b || (a != a && b != b);
 }
 
@@ -40,7 +40,7 @@ bool same_value(const SwJsonValue& a, const SwJsonValue& b) {
   require((a.kind == SwJsonValue::Kind::Object) == (a.object_value != nullptr));
   require((a.kind == SwJsonValue::Kind::Array) == (a.array_value != nullptr));
   if (a.kind != b.kind || a.bool_value != b.bool_value || a.int_value != b.int_value ||
-      !same_bits(a.double_value, b.double_value) || a.string_value != b.string_value) {
+      !same_number(a.double_value, b.double_value) || a.string_value != b.string_value) {
     return false;
   }
   if (a.object_value) return same_object(*a.object_value, *b.object_value);
@@ -66,6 +66,19 @@ void parse_document(const SwString& text, const SwString& key) {
   require(same_value(value, copy));
 }
 
+// From a bracket the two ways into an array are one.
+void parse_array(const SwString& text, const SwString& key) {
+  const std::size_t bracket = text.find('[');
+  if (bracket == SwString::npos) return;
+  std::size_t index = bracket;
+  std::size_t document_index = bracket;
+  SwString error;
+  SwString document_error;
+  const SwJsonValue value = SwJsonDocument().parseArray(text, index, key, error);
+  const SwJsonValue document_value = SwJsonDocument().parseJson(text, document_index, key, document_error);
+  require(index == document_index && error == document_error && same_value(value, document_value));
+}
+
 void parse_string(const SwString& text) {
   const std::size_t quote = text.find('"');
   if (quote == SwString::npos) return;
@@ -82,7 +95,9 @@ void parse_string(const SwString& text) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0) return 0;
   const SwString text(reinterpret_cast<const char*>(data) + 1, size - 1);
-  parse_document(text, data[0] % 2 == 1 ? "key" : "");
+  const SwString key(data[0] % 2 == 1 ? "key" : "");
+  parse_document(text, key);
+  parse_array(text, key);
   parse_string(text);
   return 0;
 }
