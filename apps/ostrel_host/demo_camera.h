@@ -11,8 +11,8 @@
 
 namespace ostrel_host {
 
-constexpr double kWideHfov_deg = 32.0;
-constexpr double kTeleHfov_deg = 20.0;
+constexpr double kWideHfov_deg = 26.0;
+constexpr double kTeleHfov_deg = 16.0;
 
 class DemoCamera {
  public:

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <memory>
 #include <thread>
 
 #include "bad_input.h"
@@ -21,6 +22,7 @@
 #include "result_files.h"
 #include "run_statistics.h"
 #include "timeline_plot.h"
+#include "tracker_log.h"
 
 namespace ostrel_host {
 namespace {
@@ -70,8 +72,11 @@ class DemoRun {
         story_(world_.events()),
         session_(*plugin, wants_debug(options.debug, configuration), LogUse::kWholeRun),
         files_(options.out),
+        tracker_log_(options.debug
+                         ? nullptr
+                         : std::make_unique<TrackerLog>((files_.folder() / "tracker.log").string())),
         expected_frames_(frames_of(options, world_)),
-        progress_(expected_frames_, Progress::Words::kToldElsewhere) {
+        progress_(expected_frames_, Progress::Words::kToldElsewhere, terminal()) {
     if (options.video) video_.emplace((files_.folder() / "annotated.mp4").string(), options.size_px);
   }
 
@@ -89,6 +94,8 @@ class DemoRun {
   }
 
  private:
+  std::FILE* terminal() const { return tracker_log_ == nullptr ? stderr : tracker_log_->terminal(); }
+
   // The simulated clock never runs ahead of the real one: a start-up takes its time, and a camera has a rate.
   void pace(std::size_t index) const {
     const std::chrono::duration<double> due(static_cast<double>(index) / kDemoFrameRate);
@@ -145,9 +152,9 @@ class DemoRun {
     std::printf("status: %s\n", statistics_.status_line().c_str());
     for (const std::string& line : to_lines(judged)) std::printf("%s\n", line.c_str());
     if (!no_picture.empty()) std::printf("no timeline.png: %s\n", no_picture.c_str());
-    std::printf("results in %s: boxes.jsonl boxes.txt summary.json timeline.tsv timeline.gp%s%s\n",
+    std::printf("results in %s: boxes.jsonl boxes.txt summary.json timeline.tsv timeline.gp%s%s%s\n",
                 files_.folder().c_str(), no_picture.empty() ? " timeline.png" : "",
-                video_ ? " annotated.mp4" : "");
+                video_ ? " annotated.mp4" : "", tracker_log_ == nullptr ? "" : " tracker.log");
   }
 
   nlohmann::ordered_json summary(const DemoReport& judged) const {
@@ -167,7 +174,7 @@ class DemoRun {
     for (const ostrel_scene::WorldEvent& event : world_.events()) {
       object["events"].push_back({{"start_s", event.start_s}, {"end_s", event.end_s}, {"what", event.what}});
     }
-    object["property"] = frames_.empty() ? nlohmann::json() : frames_.back().answer.state.properties;
+    object["properties"] = frames_.empty() ? nlohmann::json() : frames_.back().answer.state.properties;
     return object;
   }
 
@@ -180,6 +187,7 @@ class DemoRun {
   DemoStory story_;
   PluginSession session_;
   ResultFiles files_;
+  std::unique_ptr<TrackerLog> tracker_log_;  // with --debug the tracker's lines stay among the others
   std::size_t expected_frames_;
   Progress progress_;
   RunStatistics statistics_;

@@ -59,6 +59,10 @@ void count_frame(const DemoFrame& frame, bool armed, DemoReport* report) {
   if (held) ++report->held;
   if (is_beside(frame)) ++report->beside;
   if (is_visible(frame)) return;
+  if (is_out_of_view(frame)) {
+    ++report->out_of_view;
+    return;
+  }
   ++report->hidden_frames;
   if (held) ++report->held_while_hidden;
   if (seen) ++report->seen_while_hidden;
@@ -74,18 +78,22 @@ void score(const std::vector<DemoFrame>& frames, std::size_t armed, DemoReport* 
     overlaps += published_overlap(frames[i]);
   }
   report->accuracy = score_boxes(boxes, truth);
-  if (!boxes.empty()) report->mean_overlap = overlaps / static_cast<double>(boxes.size());
+  if (boxes.empty()) return;
+  const auto scored = static_cast<double>(boxes.size());
+  report->mean_overlap = overlaps / scored;
+  report->auc_with_out_of_view =
+      report->accuracy.success_auc * scored / (scored + static_cast<double>(report->out_of_view));
 }
 
 std::vector<Return> returns_of(const std::vector<DemoFrame>& frames, std::size_t armed,
                                const std::vector<WorldEvent>& events) {
-  const std::vector<FrameRange> hidden = hidden_stretches(frames);
+  const std::vector<FrameRange> unseen = unseen_stretches(frames);
   std::vector<Return> returns;
-  for (std::size_t k = 0; k < hidden.size(); ++k) {
-    const std::size_t back = hidden[k].last + 1;
-    if (hidden[k].first < armed || back >= frames.size()) continue;
-    const std::size_t end = k + 1 < hidden.size() ? hidden[k + 1].first : frames.size();
-    Return entry{events_at(events, frames[hidden[k].first].time_s), frames[hidden[k].first].time_s,
+  for (std::size_t k = 0; k < unseen.size(); ++k) {
+    const std::size_t back = unseen[k].last + 1;
+    if (unseen[k].first < armed || back >= frames.size() || is_out_of_view(frames[unseen[k].first])) continue;
+    const std::size_t end = k + 1 < unseen.size() ? unseen[k + 1].first : frames.size();
+    Return entry{events_at(events, frames[unseen[k].first].time_s), frames[unseen[k].first].time_s,
                  frames[back].time_s, std::nullopt};
     for (std::size_t i = back; i < end && !entry.found_after_s; ++i) {
       if (is_found(frames[i])) entry.found_after_s = frames[i].time_s - entry.visible_s;
@@ -140,7 +148,11 @@ bool is_visible(const DemoFrame& frame) {
   return frame.truth.visible_share > kVisibleShare;
 }
 
-std::vector<FrameRange> hidden_stretches(const std::vector<DemoFrame>& frames) {
+bool is_out_of_view(const DemoFrame& frame) {
+  return !is_visible(frame) && frame.in_view_share <= kVisibleShare;
+}
+
+std::vector<FrameRange> unseen_stretches(const std::vector<DemoFrame>& frames) {
   const auto shortest = static_cast<std::size_t>(std::lround(kShortestStretch_s * kDemoFrameRate));
   std::vector<bool> hidden;
   for (const DemoFrame& frame : frames) hidden.push_back(!is_visible(frame));
@@ -191,6 +203,8 @@ ordered_json to_json_report(const DemoReport& report) {
   object["scored_where_visible_share_above"] = kVisibleShare;
   object["accuracy"] = to_json_report(report.accuracy);
   object["mean_overlap"] = report.mean_overlap;
+  object["out_of_view"] = report.out_of_view;
+  object["auc_with_out_of_view"] = report.auc_with_out_of_view;
   object["published"] = report.published;
   object["held"] = report.held;
   object["beside_target"] = report.beside;
@@ -221,6 +235,9 @@ std::vector<std::string> to_lines(const DemoReport& report) {
   lines.push_back(line("armed %.2f s after init, on the simulated clock", *report.armed_s));
   lines.push_back("published boxes, where more than half of the target can be seen: " +
                   to_line(report.accuracy) + line(", mean overlap %.3f", report.mean_overlap));
+  lines.push_back(
+      line("%zu frames with the target out of the view; with these as misses the success AUC is %.3f",
+           report.out_of_view, report.auc_with_out_of_view));
   lines.push_back(line("%zu frames with a box: %zu held with score 0, %zu with a score but beside the target",
                        report.published, report.held, report.beside));
   lines.push_back(

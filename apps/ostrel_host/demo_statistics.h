@@ -13,7 +13,8 @@
 
 namespace ostrel_host {
 
-// Boxes are scored where more than this share of the target's pixels can be seen; below it the target counts as hidden.
+// Boxes are scored where more than this share of the target's pixels can be seen. Otherwise the target counts as out of
+// view where no more than this share of its box lies in the picture, and else as hidden.
 constexpr double kVisibleShare = 0.5;
 // A stretch shorter than this neither hides the target nor brings it back: leaves flicker.
 constexpr double kShortestStretch_s = 0.2;
@@ -22,7 +23,8 @@ constexpr double kBesideOverlap = 0.1;
 // A look-alike may still carry the box away for so long after it has passed.
 constexpr double kAfterLookAlike_s = 2.0;
 
-// The target was hidden and came back. The search for it ends where it hides again, or with the run.
+// The target was hidden and came back into sight. The search for it ends where it vanishes again, or with the run. A
+// stretch that begins with the target out of view is no hiding: there the camera had lost it.
 struct Return {
   std::string where;  // what happened when it vanished, as the world's event says; may be empty
   double hidden_s = 0.0;
@@ -66,13 +68,15 @@ std::vector<std::string> to_lines(const DemoReport& report);
 // The overlap of the published box with the truth, 0 without a box.
 double published_overlap(const DemoFrame& frame);
 bool is_visible(const DemoFrame& frame);
+bool is_out_of_view(const DemoFrame& frame);
 
-// Stretches of frames, first to last, in which the target is hidden, without what is shorter than kShortestStretch_s.
+// Stretches of frames, first to last, in which the target is not visible, hidden or out of view, without what is
+// shorter than kShortestStretch_s.
 struct FrameRange {
   std::size_t first = 0;
   std::size_t last = 0;
 };
-std::vector<FrameRange> hidden_stretches(const std::vector<DemoFrame>& frames);
+std::vector<FrameRange> unseen_stretches(const std::vector<DemoFrame>& frames);
 
 // The events that run at a time, joined by ", ".
 std::string events_at(const std::vector<ostrel_scene::WorldEvent>& events, double time_s);

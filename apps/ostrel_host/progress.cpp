@@ -35,8 +35,8 @@ std::string progress_line(std::size_t done, std::size_t total, double frames_per
   return line;
 }
 
-Progress::Progress(std::size_t total, Words words)
-    : total_(total), words_(words), interactive_(isatty(STDERR_FILENO) != 0) {}
+Progress::Progress(std::size_t total, Words words, std::FILE* terminal)
+    : total_(total), words_(words), terminal_(terminal), interactive_(isatty(fileno(terminal)) != 0) {}
 
 void Progress::waiting(const StepResult& result) {
   show("waiting: " + result.state.status, result);
@@ -50,27 +50,27 @@ void Progress::show(const std::string& line, const StepResult& result) {
   const bool changed = result.state.status != last_status_;
   last_status_ = result.state.status;
   if (!interactive_) {
-    if (changed && words_ == Words::kTold) std::fprintf(stderr, "%s\n", line.c_str());
+    if (changed && words_ == Words::kTold) std::fprintf(terminal_, "%s\n", line.c_str());
     return;
   }
   const auto now = std::chrono::steady_clock::now();
   if (!changed && now - last_drawn_ < kRedrawInterval) return;
   last_drawn_ = now;
   line_open_ = true;
-  std::fprintf(stderr, "\r%s\x1b[K", line.c_str());
-  std::fflush(stderr);
+  std::fprintf(terminal_, "\r%s\x1b[K", line.c_str());
+  std::fflush(terminal_);
 }
 
 void Progress::clear() {
   if (!line_open_) return;
-  std::fputs("\r\x1b[K", stderr);
-  std::fflush(stderr);
+  std::fputs("\r\x1b[K", terminal_);
+  std::fflush(terminal_);
   line_open_ = false;
   last_drawn_ = {};
 }
 
 void Progress::finish() {
-  if (line_open_) std::fputc('\n', stderr);
+  if (line_open_) std::fputc('\n', terminal_);
   line_open_ = false;
 }
 

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdio>
 #include <string>
 
 #include "plugin_session.h"
@@ -19,8 +20,8 @@ class Progress {
   // Whether a change of the status word is told where there is no terminal for a bar.
   enum class Words { kTold, kToldElsewhere };
 
-  // `total` is 0 where it is not known.
-  explicit Progress(std::size_t total, Words words = Words::kTold);
+  // `total` is 0 where it is not known. `terminal` stays the caller's.
+  explicit Progress(std::size_t total, Words words = Words::kTold, std::FILE* terminal = stderr);
   ~Progress() { finish(); }
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
@@ -37,6 +38,7 @@ class Progress {
 
   std::size_t total_;
   Words words_;
+  std::FILE* terminal_;
   bool interactive_;
   bool line_open_ = false;
   std::string last_status_;

@@ -73,10 +73,12 @@ std::string band(double start_s, double end_s, const char* colour) {
       start_s, end_s, colour);
 }
 
-std::string hidden_bands(const std::vector<DemoFrame>& frames) {
+std::string unseen_bands(const std::vector<DemoFrame>& frames) {
   std::string text;
-  for (const FrameRange& range : hidden_stretches(frames)) {
-    text += band(frames[range.first].time_s, frames[range.last].time_s + kFrame_s, "#d9d9de");
+  for (const FrameRange& range : unseen_stretches(frames)) {
+    const bool lost = is_out_of_view(frames[range.first]);
+    text +=
+        band(frames[range.first].time_s, frames[range.last].time_s + kFrame_s, lost ? "#f3dcd8" : "#d9d9de");
   }
   return text;
 }
@@ -148,9 +150,10 @@ std::string heading(const char* text, int top_px, int height_px) {
 }
 
 std::string score_panel(const std::vector<DemoFrame>& frames, int height_px) {
-  return panel(56, 320, height_px) + hidden_bands(frames) + zoom_bands(frames) +
+  return panel(56, 320, height_px) + unseen_bands(frames) + zoom_bands(frames) +
          heading(
-             "What was published, and how well it fits (grey: target hidden, blue: zoom told to the tracker)",
+             "What was published, and how well it fits (grey: target hidden, red: out of view, blue: zoom "
+             "told)",
              24, height_px) +
          legend(14, height_px) +
          "set format x ''\nset ylabel 'score, overlap'\nset yrange [0:1.02]\nset ytics 0.2\n"
@@ -163,7 +166,7 @@ std::string score_panel(const std::vector<DemoFrame>& frames, int height_px) {
 }
 
 std::string view_panel(const std::vector<DemoFrame>& frames, int height_px) {
-  return panel(364, kCurvesHeight_px - 20, height_px) + hidden_bands(frames) + legend(334, height_px) +
+  return panel(364, kCurvesHeight_px - 20, height_px) + unseen_bands(frames) + legend(334, height_px) +
          "set ylabel 'field of view, deg'\nset yrange [0:*]\nset offsets 0, 0, 4, 0\nset ytics 10\n"
          "set y2label 'visible share'\nset y2range [0:1.1]\nset y2tics 0.5\nset border 11\n"
          "plot 'timeline.tsv' using 1:5 axes x1y2 with lines linewidth 1.5 linecolor rgb '#909090' title "

@@ -26,7 +26,7 @@ struct TimelineLane {
   std::vector<TimelineSpan> spans;
 };
 
-// time_s, score (gap without a published box), tracker_score, overlap (gap where the target is hidden), visible share,
+// time_s, score (gap without a published box), tracker_score, overlap (gap where the target cannot be seen), visible share,
 // hfov_deg.
 PlotTable timeline_table(const std::vector<DemoFrame>& frames);
 

@@ -73,6 +73,33 @@ TEST(DemoReport, CountsHalfATargetAsHidden) {
   EXPECT_TRUE(is_visible(frame));
 }
 
+TEST(DemoReport, TellsATargetOutOfTheViewFromAHiddenOne) {
+  const auto elsewhere = [](std::size_t i) {
+    DemoFrame frame = hidden(followed(i));
+    frame.in_view_share = 0.5;
+    return frame;
+  };
+  Frames frames;
+  add(30, followed, &frames);
+  add(10, elsewhere, &frames);
+  add(10, covered, &frames);
+  add(5, followed, &frames);
+  const DemoReport report = judge(frames, {});
+  EXPECT_EQ(report.out_of_view, 10u);
+  EXPECT_EQ(report.hidden_frames, 10u);
+  EXPECT_EQ(report.seen_while_hidden, 0u);
+  EXPECT_EQ(report.accuracy.frames, 35u);
+  EXPECT_NEAR(report.auc_with_out_of_view, report.accuracy.success_auc * 35.0 / 45.0, 1e-12);
+  EXPECT_TRUE(report.returns.empty()) << "the camera had lost it: nothing had hidden it";
+}
+
+TEST(DemoReport, MeasuresTheShareOfABoxInsideThePicture) {
+  EXPECT_EQ(share_in_view({10, 10, 20, 10}, {100, 50}), 1.0);
+  EXPECT_EQ(share_in_view({-10, 10, 20, 10}, {100, 50}), 0.5);
+  EXPECT_EQ(share_in_view({200, 10, 20, 10}, {100, 50}), 0.0);
+  EXPECT_EQ(share_in_view({}, {100, 50}), 0.0);
+}
+
 TEST(DemoReport, TellsHeldBoxesFromSeenOnesInTheOpenAndInHiding) {
   Frames frames;
   add(5, followed, &frames);
@@ -128,8 +155,8 @@ TEST(DemoReport, SaysWhichReturnWasNeverFound) {
   EXPECT_FALSE(report.returns[0].found_after_s);
   EXPECT_EQ(report.returns[1].found_after_s, 0.0);
   const auto lines = to_lines(report);
-  EXPECT_EQ(lines[5], "hidden from 1.0 s to 2.0 s: not found again");
-  EXPECT_EQ(lines[6], "hidden from 3.0 s to 4.0 s: found again after 0.00 s");
+  EXPECT_EQ(lines[6], "hidden from 1.0 s to 2.0 s: not found again");
+  EXPECT_EQ(lines[7], "hidden from 3.0 s to 4.0 s: found again after 0.00 s");
 }
 
 TEST(DemoReport, CountsNoReturnWithoutAReturn) {
@@ -148,7 +175,7 @@ TEST(DemoReport, TakesLeavesThatFlickerForNeitherHidingNorReturn) {
   add(4, followed, &frames);  // too short to bring back
   add(10, covered, &frames);
   add(20, followed, &frames);
-  const auto stretches = hidden_stretches(frames);
+  const auto stretches = unseen_stretches(frames);
   ASSERT_EQ(stretches.size(), 1u);
   EXPECT_EQ(stretches[0].first, 44u);
   EXPECT_EQ(stretches[0].last, 67u);
@@ -186,9 +213,10 @@ TEST(DemoReport, WritesEveryFigureAsJson) {
   add(25, covered, &frames);
   add(25, followed, &frames);
   const auto json = to_json_report(judge(frames, {{0.0, 0.5, "look-alike crosses"}}));
-  for (const char* key : {"frames", "armed_s", "scored_where_visible_share_above", "accuracy", "mean_overlap",
-                          "published", "held", "beside_target", "hidden_frames", "held_while_hidden",
-                          "seen_while_hidden", "zoom_notices", "returns", "look_alikes"}) {
+  for (const char* key :
+       {"frames", "armed_s", "scored_where_visible_share_above", "accuracy", "mean_overlap", "out_of_view",
+        "auc_with_out_of_view", "published", "held", "beside_target", "hidden_frames", "held_while_hidden",
+        "seen_while_hidden", "zoom_notices", "returns", "look_alikes"}) {
     EXPECT_TRUE(json.contains(key)) << key;
   }
   EXPECT_EQ(json["returns"][0]["found_after_s"], 0.0);

@@ -5,6 +5,9 @@
 #include <ostrel_host/progress.h>
 #include <ostrel_host/result_files.h>
 #include <ostrel_host/run_statistics.h>
+#include <ostrel_host/tracker_log.h>
+
+#include <cstdio>
 
 #include "support/temporary_folder.h"
 
@@ -154,6 +157,30 @@ TEST(AnnotatedVideo, TakesFramesOfOddAndChangingSizesAndMissingOnes) {
 TEST(AnnotatedVideo, RefusesAPlaceThatCannotBeWritten) {
   const TemporaryFolder folder;
   EXPECT_THROW(AnnotatedVideo(folder.path("missing/annotated.mp4"), cv::Size(32, 32), 25.0), BadInput);
+}
+
+TEST(TrackerLog, KeepsStandardErrorInItsFileAndGivesItBack) {
+  const TemporaryFolder folder;
+  testing::internal::CaptureStderr();
+  {
+    const TrackerLog log(folder.path("tracker.log"));
+    std::fprintf(stderr, "about itself\n");
+    std::fprintf(log.terminal(), "for people\n");
+  }
+  std::fprintf(stderr, "behind it\n");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "for people\nbehind it\n");
+  EXPECT_EQ(content_of(folder.path("tracker.log")), "about itself\n");
+  EXPECT_THROW(TrackerLog(folder.path("no/tracker.log")), BadInput);
+}
+
+TEST(Progress, IsSilentWithoutATerminalWhereItsWordsAreToldElsewhere) {
+  testing::internal::CaptureStderr();
+  {
+    Progress progress(10, Progress::Words::kToldElsewhere);
+    progress.frame(1, 25.0, tracked());
+    progress.clear();
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
 }  // namespace

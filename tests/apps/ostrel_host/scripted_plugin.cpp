@@ -19,6 +19,9 @@ constexpr char kSchema[] = R"(
   "engine":{"type":"object","properties":{"tracker_engine_path":{"type":"string"}}},
   "learning":{"type":"object","properties":{
     "update_iterations":{"type":"integer","minimum":1,"maximum":100}}},
+  "preposition":{"type":"object","properties":{"enabled":{"type":"boolean"}}},
+  "target":{"type":"object","properties":{"class_id":{"type":"integer"}}},
+  "runtime":{"type":"object","properties":{"dead_timeout_s":{"type":"number"}}},
   "debug":{"type":"object","properties":{"enabled":{"type":"boolean"}}}}}
 )";
 
