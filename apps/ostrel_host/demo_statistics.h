@@ -45,11 +45,13 @@ struct LookAlikePassage {
 struct DemoReport {
   std::size_t frames = 0;
   std::optional<double> armed_s;  // simulated time of the first frame in phase "ready"
-  AccuracyReport accuracy;    // published boxes from then on, where the target is visible; no box scores 0
-  double mean_overlap = 0.0;  // over the same frames
-  std::size_t published = 0;  // frames with a box
-  std::size_t held = 0;       // of these, with score 0
-  std::size_t beside = 0;     // with a score above 0, but beside the visible target
+  AccuracyReport accuracy;      // published boxes from then on, where the target is visible; no box scores 0
+  double mean_overlap = 0.0;    // over the same frames
+  std::size_t out_of_view = 0;  // armed, and the camera looks elsewhere
+  double auc_with_out_of_view = 0.0;  // success AUC where these frames count as missed
+  std::size_t published = 0;          // frames with a box
+  std::size_t held = 0;               // of these, with score 0
+  std::size_t beside = 0;             // with a score above 0, but beside the visible target
   std::size_t hidden_frames = 0;      // armed, target hidden
   std::size_t held_while_hidden = 0;  // boxes with score 0 in these
   std::size_t seen_while_hidden = 0;  // boxes with a score above 0 in these
