@@ -172,6 +172,15 @@ TEST(SwCryptoDecrypt, RemovesValidPaddingAlone) {
   }
 }
 
+TEST(SwCryptoDecrypt, TakesNothingLongerThanABlockForPadding) {
+  for (const std::size_t padding : {17U, 32U}) {
+    const std::string whole =
+        std::string(32 - padding, 'a') + std::string(padding, static_cast<char>(padding));
+    const std::string two_blocks = encipher(whole, kCipherKey).substr(0, 43);
+    EXPECT_EQ(SwCrypto::decryptAES(two_blocks, kCipherKey), whole) << padding;
+  }
+}
+
 TEST(SwCryptoDecrypt, MakesGarbageOfAWrongKey) {
   const std::string text = encipher("text", kCipherKey);
   const std::string garbage = SwCrypto::decryptAES(text, "another key");
