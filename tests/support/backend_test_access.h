@@ -10,6 +10,7 @@
 
 #include "tracking_runtime/tracker/atom/cuda_runtime_backend.h"
 #include "tracking_runtime/tracker/atom/gpu/cuda_filter_trainer.h"
+#include "tracking_runtime/tracker/atom/gpu/cuda_joint_optimizer.h"
 
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
 
@@ -24,6 +25,10 @@ struct CudaRuntimeBackendTestAccess {
   static std::mutex& filter_trainer_mutex(Backend& backend) { return backend.filter_trainer_mutex; }
   static std::unique_ptr<CudaFilterTrainer>& filter_trainer(Backend& backend) {
     return backend.filter_trainer;
+  }
+  static std::mutex& joint_optimizer_mutex(Backend& backend) { return backend.joint_optimizer_mutex; }
+  static std::unique_ptr<CudaJointOptimizer>& joint_optimizer(Backend& backend) {
+    return backend.joint_optimizer;
   }
   static std::unique_ptr<ReferenceTraceWriter>& trace_writer(Backend& backend) {
     return backend.trace_writer;
@@ -93,6 +98,14 @@ struct CudaRuntimeBackendTestAccess {
   template <typename... Arguments>
   static bool train_filter_from_device_batch(Backend& backend, Arguments&&... arguments) {
     return backend.train_filter_from_device_batch_(std::forward<Arguments>(arguments)...);
+  }
+  static bool optimize_joint_init(Backend& backend, const std::vector<const FeatureMap*>& raw_features,
+                                  const std::vector<LabelMap>& labels, std::vector<FeatureMap>* projected,
+                                  std::string* error) {
+    return backend.optimize_joint_init_(raw_features, labels, projected, error);
+  }
+  static JointFitSettings joint_fit_settings(const Backend& backend, int samples) {
+    return backend.joint_fit_settings_(samples);
   }
   static std::optional<std::string> collect_training_job(Backend& backend) {
     return backend.collect_training_job_();

@@ -11,6 +11,7 @@
 #include "tracking_runtime/tracker/atom/config_update.h"
 #include "tracking_runtime/tracker/atom/external_correction.h"
 #include "tracking_runtime/tracker/atom/gpu/cuda_filter_trainer.h"
+#include "tracking_runtime/tracker/atom/gpu/cuda_joint_optimizer.h"
 #include "tracking_runtime/tracker/atom/refuse.h"
 
 namespace ostrel_tracker::tracking_runtime::tracker::atom {

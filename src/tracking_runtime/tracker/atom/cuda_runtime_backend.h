@@ -14,7 +14,9 @@
 #include "tracking_runtime/tracker/atom/feature_map.h"
 #include "tracking_runtime/tracker/atom/gpu/trt_backbone.h"
 #include "tracking_runtime/tracker/atom/gpu/trt_classify.h"
+#include "tracking_runtime/tracker/atom/gpu/trt_device_batch.h"
 #include "tracking_runtime/tracker/atom/init_timings.h"
+#include "tracking_runtime/tracker/atom/joint_fit.h"
 #include "tracking_runtime/tracker/atom/native_cpp_backend.h"
 #include "tracking_runtime/tracker/atom/reference_trace_writer.h"
 #include "tracking_runtime/tracker/atom/sample_memory.h"
@@ -27,6 +29,7 @@ struct TensorBatch;
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
 
 class CudaFilterTrainer;
+class CudaJointOptimizer;
 struct Candidate;
 struct FrameDecision;
 struct FramePath;
@@ -39,6 +42,8 @@ struct TrainingTask;
 /// Threads: one thread tracks and starts (the caller serialises), and at most one training job runs beside
 /// it. `state_mutex` guards `memory` and the filter of `weights` and is held for copies and swaps only, and while
 /// `updateConfig` writes the configuration; `filter_trainer_mutex` serialises the trainer. A job never holds both.
+/// `joint_optimizer_mutex` serialises the optimiser of a start, which takes each of the others inside it, and never
+/// the other way round.
 class CudaRuntimeBackend final : public AtomRuntimeBackend, private TargetState {
  public:
   explicit CudaRuntimeBackend(NativeCppBackend::Config initial_config);
@@ -73,6 +78,7 @@ class CudaRuntimeBackend final : public AtomRuntimeBackend, private TargetState 
                                  std::string* error);
   FeatureMap run_trt_forward_(const cv::Mat& patch, std::string* error);
   FeatureMap run_trt_forward_batched_(const std::vector<cv::Mat>& patches, std::string* error);
+  bool run_trt_device_batch_(PatchRange patches, TrtDeviceBatch* out, std::string* error);
 
   // gpu/cuda_runtime_backend_trt_classify.cpp: responses without a trip of the features through the host.
   bool classify_tensor_batch_on_gpu_(const optrix::TensorBatch& batch, std::vector<cv::Mat>* responses,
@@ -126,6 +132,23 @@ class CudaRuntimeBackend final : public AtomRuntimeBackend, private TargetState 
   void log_init_ready_(const cv::Rect_<int>& box, const cv::Size_<int>& frame_size,
                        const InitTimings& timings);
 
+  // cuda_runtime_backend_optimizer.cpp: projection and filter fitted together.
+  /// The fit through host memory: one raw sample and one label each, in the same order. On success matrix and
+  /// filter are the fitted ones and a non-null `projected_out` holds the samples projected with the new matrix;
+  /// on failure both stay.
+  bool optimize_joint_init_(const std::vector<const FeatureMap*>& raw_features,
+                            const std::vector<LabelMap>& labels, std::vector<FeatureMap>* projected_out,
+                            std::string* error);
+  bool check_joint_set_(const std::vector<const FeatureMap*>& raw_features,
+                        const std::vector<LabelMap>& labels, std::string* error) const;
+  bool joint_fit_wanted_() const;
+  JointFitSettings joint_fit_settings_(int samples) const;
+  JointFit begin_joint_fit_() const;
+  // The caller of these three holds `joint_optimizer_mutex`.
+  bool prepare_joint_optimizer_(int samples, int raw_channels, int height, int width, std::string* error);
+  bool download_joint_features_(std::vector<float>* projected, std::string* error);
+  void adopt_joint_fit_(JointFit fit);
+
   // cuda_runtime_backend_track.cpp, cuda_runtime_backend_track_view.cpp: the two pixel sources.
   const char* refuse_untracked_(const base::BBox* bbox, const float* score) const;
   bool classifier_filter_missing_() const;
@@ -155,6 +178,8 @@ class CudaRuntimeBackend final : public AtomRuntimeBackend, private TargetState 
   ClassifyScratch classify_scratch;
   std::mutex filter_trainer_mutex;
   std::unique_ptr<CudaFilterTrainer> filter_trainer;
+  std::mutex joint_optimizer_mutex;
+  std::unique_ptr<CudaJointOptimizer> joint_optimizer;
   std::atomic<bool> training_in_flight{false};
   std::atomic<int> training_job_counter{0};
   std::atomic<int> active_training_job{0};

@@ -10,6 +10,7 @@
 #include "tracking_runtime/tracker/atom/fresh_generator.h"
 #include "tracking_runtime/tracker/atom/init_pipeline.h"
 #include "tracking_runtime/tracker/atom/projection_setup.h"
+#include "tracking_runtime/tracker/atom/refuse.h"
 #include "tracking_runtime/tracker/atom/square_patch.h"
 
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
@@ -95,20 +96,21 @@ void InitPipeline::place_target() {
   backend.derive_scale_at_start_(box);
 }
 
-/// A random projection that the joint solver will refine needs no template on the host. This tracker has no
-/// forward that leaves its output on the device for that solver, so every such start takes the host.
+/// A random projection that the joint solver will refine needs no template on the host.
 void InitPipeline::probe_device_template() {
   const StageClock clock;
   const bool randn = is_randn(backend.config.proj_init_method);
   needs_template_feature = backend.config.use_projection_matrix && !randn;
-  if (backend.config.use_projection_matrix && randn && backend.config.update_projection_matrix) {
+  if (!backend.config.use_projection_matrix || !randn || !backend.config.update_projection_matrix) return;
+  std::string text;
+  if (!copy_device_template(&text)) {
     std::fprintf(
         stderr,
         "[CudaRuntimeBackend] init: direct GPU template unavailable, falling back to host extraction: "
         "%s\n",
-        "unknown_error");
-    timings.template_device += clock.elapsed_ms();
+        text_or(text, "unknown_error").c_str());
   }
+  timings.template_device += clock.elapsed_ms();
 }
 
 bool InitPipeline::learn_raw_sizes() {
@@ -123,13 +125,18 @@ bool InitPipeline::ensure_template_feature(std::string* text) {
   const StageClock clock;
   const bool extracted = backend.extract_feature_map_(template_patch, &template_feature, text);
   timings.template_host += clock.elapsed_ms();
-  if (!extracted || raw_channels > 0) return extracted;
-  raw_channels = template_feature.channels;
-  raw_height = template_feature.height;
-  raw_width = template_feature.width;
+  if (extracted && raw_channels == 0) {
+    set_raw_sizes(template_feature.channels, template_feature.height, template_feature.width);
+  }
+  return extracted;
+}
+
+void InitPipeline::set_raw_sizes(int channels, int height, int width) {
+  raw_channels = channels;
+  raw_height = height;
+  raw_width = width;
   std::fprintf(stderr, "[CudaRuntimeBackend] init stage=template_feature raw=[1,%d,%d,%d]\n", raw_channels,
                raw_height, raw_width);
-  return true;
 }
 
 bool InitPipeline::set_up_projection() {
@@ -166,6 +173,14 @@ void InitPipeline::make_augmented_set() {
   augmented.dropout_masks = draw_dropout_masks(raw_channels, &generator);
   timings.dropout_prep += clock.elapsed_ms();
   std::fprintf(stderr, "[CudaRuntimeBackend] init stage=aug_patches count=%zu\n", augmented.patches.size());
+}
+
+bool InitPipeline::gather_training_set() {
+  if (backend.joint_fit_wanted_()) {
+    const DirectPath outcome = take_direct_path();
+    if (outcome != DirectPath::kLeftForHost) return outcome == DirectPath::kDone;
+  }
+  return take_host_path();
 }
 
 void InitPipeline::finish() {

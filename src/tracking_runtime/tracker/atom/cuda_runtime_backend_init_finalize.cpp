@@ -67,7 +67,7 @@ void CudaRuntimeBackend::log_init_ready_(const cv::Rect_<int>& box, const cv::Si
 
 bool InitPipeline::train_first_filter() {
   std::string finalize_text;
-  if (backend.finalize_init_training_(features, labels, startup_iterations, false, &timings,
+  if (backend.finalize_init_training_(features, labels, startup_iterations, filter_trained, &timings,
                                       &finalize_text)) {
     return true;
   }

@@ -16,9 +16,9 @@ bool all_defined(const std::vector<FeatureMap>& features) {
 
 }  // namespace
 
-bool InitPipeline::gather_training_set() {
+bool InitPipeline::take_host_path() {
   if (timings.path == "unresolved") timings.path = "host_path";
-  if (!gather_raw_items() || !make_labels()) return false;
+  if (!gather_raw_items() || !make_labels() || !fit_host_set()) return false;
   project_items();
   return true;
 }
@@ -114,11 +114,29 @@ bool InitPipeline::keep_template_only() {
   return true;
 }
 
+bool InitPipeline::fit_host_set() {
+  if (!backend.joint_fit_wanted_()) return true;
+  const std::size_t count = std::min(items.size(), item_labels.size());
+  std::vector<const FeatureMap*> raw;
+  for (std::size_t i = 0; i < count; ++i) raw.push_back(&items[i].feature);
+  const std::vector<LabelMap> paired(item_labels.begin(),
+                                     item_labels.begin() + static_cast<std::ptrdiff_t>(count));
+  std::fprintf(stderr, "[CudaRuntimeBackend] init stage=joint_opt start samples=%zu\n", count);
+  const StageClock clock;
+  std::string text;
+  const bool fit = backend.optimize_joint_init_(raw, paired, &fitted, &text);
+  timings.joint_opt += clock.elapsed_ms();
+  if (!fit) return fail_untraced(text);
+  std::fprintf(stderr, "[CudaRuntimeBackend] init stage=joint_opt done samples=%zu\n", count);
+  return true;
+}
+
 void InitPipeline::project_items() {
   const StageClock clock;
   const std::size_t count = std::min(items.size(), item_labels.size());
   for (std::size_t i = 0; i < count; ++i) {
-    FeatureMap projected = backend.project_feature_(items[i].feature);
+    FeatureMap projected =
+        fitted.size() == count ? std::move(fitted[i]) : backend.project_feature_(items[i].feature);
     if (!projected.defined()) continue;
     features.push_back(std::move(projected));
     labels.push_back(std::move(item_labels[i]));

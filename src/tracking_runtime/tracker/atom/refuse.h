@@ -11,4 +11,9 @@ inline bool refuse(std::string_view text, std::string* error) {
   return false;
 }
 
+/// What a failed step says of itself, or `otherwise` when it said nothing.
+inline std::string text_or(const std::string& text, const char* otherwise) {
+  return text.empty() ? otherwise : text;
+}
+
 }  // namespace ostrel_tracker::tracking_runtime::tracker::atom

@@ -159,6 +159,7 @@ TEST_F(TrackingStartFailure, CannotFallBackWithoutAMemory) {
 }
 
 TEST_F(TrackingStartFailure, CannotFallBackWithoutATrainer) {
+  config.update_projection_matrix = false;
   ostrel::host_cuda::fail_every_call("compute_weighted_residual_grad_kernel", cudaErrorLaunchFailure);
   expect_failure(frame, {90, -4, 16, 12}, "failed to optimize template-only classifier",
                  "failed to optimize initial classifier", "80\t0\t16\t12");

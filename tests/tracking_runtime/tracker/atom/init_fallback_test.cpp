@@ -16,6 +16,8 @@ constexpr const char* kSequentialLine =
 /// Network runs of a start: the template, the batch of six patches, then one by one.
 class TrackingStartFallback : public TrackingStart {
  protected:
+  TrackingStartFallback() { config.update_projection_matrix = false; }
+
   static void fail_run(int number) { ostrel::host_cuda::fail_call("enqueueV3", number, 1); }
 };
 

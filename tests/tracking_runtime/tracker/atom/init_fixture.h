@@ -31,8 +31,33 @@ struct InitPipelineTestAccess {
   void set_template(const FeatureMap& feature) { steps.template_feature = feature; }
   void add_item(const FeatureMap& feature) { steps.items.push_back({feature, {0.0F, 0.0F}}); }
 
+  void drop_last_label() { steps.labels.pop_back(); }
   void set_dropout_masks(const std::vector<float>& masks) { steps.augmented.dropout_masks = masks; }
 
+  /// Everything before the training set.
+  bool prepare() {
+    if (!steps.check_arguments() || !steps.start_runtime() || !steps.cut_template_patch()) return false;
+    steps.place_target();
+    steps.probe_device_template();
+    if (!steps.learn_raw_sizes() || !steps.set_up_projection() || !steps.set_up_filter()) return false;
+    steps.make_augmented_set();
+    return true;
+  }
+  AugmentedSet& augmented() { return steps.augmented; }
+  bool has_device_template() const { return static_cast<bool>(steps.device_template); }
+  bool gather_training_set() { return steps.gather_training_set(); }
+  bool take_host_path() { return steps.take_host_path(); }
+  /// 'd'one, left for the 'h'ost, or 'f'ailed.
+  char take_direct_path() {
+    switch (steps.take_direct_path()) {
+      case InitPipeline::DirectPath::kDone:
+        return 'd';
+      case InitPipeline::DirectPath::kLeftForHost:
+        return 'h';
+      default:
+        return 'f';
+    }
+  }
   bool set_up_projection() { return steps.set_up_projection(); }
   bool set_up_filter() { return steps.set_up_filter(); }
   bool gather_raw_items() { return steps.gather_raw_items(); }
@@ -128,6 +153,13 @@ class TrackingStart : public ::testing::Test {
       }
     }
     return lines;
+  }
+  /// The last word on the path that the start took.
+  std::string path() const {
+    const std::string mark = " path=";
+    const std::size_t at = printed.find(mark);
+    if (at == std::string::npos) return "";
+    return printed.substr(at + mark.size(), printed.find('\n', at) - at - mark.size());
   }
   /// Lines of the trace without its header.
   std::vector<std::string> trace_lines() const {

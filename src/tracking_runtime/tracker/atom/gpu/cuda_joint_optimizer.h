@@ -60,8 +60,12 @@ class CudaJointOptimizer {
                        int filter_height, int filter_width, std::string* error);
 
   /// Copies raw samples to their places. Does not wait: host sources may be reused on return, device sources
-  /// must live until the stream has read them. Spans before a refused one stay copied.
+  /// must live until the stream has read them (`hold_back_producer`). Spans before a refused one stay copied.
   bool preload_raw_feature_spans(const std::vector<RawFeatureSpan>& spans, std::string* error);
+
+  /// Lets `producer` wait, on the device, until everything preloaded so far has been read, so that what it runs
+  /// next may overwrite the sources. The host does not wait. Null and the optimiser's own stream need no order.
+  bool hold_back_producer(cudaStream_t producer, std::string* error);
 
   /// Writes `count` copies of one sample from `first_target_sample` on, channel c of copy i times
   /// scales[i * in_channels + c]. The source must lie outside the targets, which nothing checks. Does not wait.

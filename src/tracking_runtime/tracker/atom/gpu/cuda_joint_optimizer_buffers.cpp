@@ -137,6 +137,15 @@ bool CudaJointOptimizer::preload_raw_feature_spans(const std::vector<RawFeatureS
                      [&](const RawFeatureSpan& span) { return preload_span(*impl_, span, error); });
 }
 
+bool CudaJointOptimizer::hold_back_producer(cudaStream_t producer, std::string* error) {
+  if (impl_ == nullptr || !impl_->stream) {
+    return refuse("invalid CUDA joint optimizer raw feature preload request", error);
+  }
+  if (producer == nullptr || producer == impl_->stream.get()) return true;
+  CudaEvent read;
+  return wait_for_stream(producer, impl_->stream.get(), "hold_back_producer", &read, error);
+}
+
 bool CudaJointOptimizer::materialize_scaled_sample_copies(int source_sample, int first_target_sample,
                                                           int count, const std::vector<float>& scales,
                                                           std::string* error) {

@@ -29,4 +29,8 @@ FeatureMap CudaRuntimeBackend::run_trt_forward_batched_(const std::vector<cv::Ma
   return run_trt_forward_batched(trt.get(), patches, error);
 }
 
+bool CudaRuntimeBackend::run_trt_device_batch_(PatchRange patches, TrtDeviceBatch* out, std::string* error) {
+  return run_trt_device_batch(trt.get(), patches, out, error);
+}
+
 }  // namespace ostrel_tracker::tracking_runtime::tracker::atom
