@@ -1,4 +1,4 @@
-// A long run: ten thousand frames with trainings, holds, losses and corrections, on flat memory.
+// Long runs on flat memory: ten thousand frames with trainings, holds, losses and corrections, and 200 starts.
 
 #include <gtest/gtest.h>
 #include <host_cuda/control.h>
@@ -48,6 +48,20 @@ NativeCppBackend::Config tiny_config(const std::string& engine) {
   return config;
 }
 
+bool write_tiny_trunk(const std::string& path) {
+  ostrel::backbone::TrunkOptions trunk;
+  trunk.tiny = true;
+  return ostrel::backbone::write_trunk(trunk, path);
+}
+
+void expect_same_device_handles(const host_cuda::Counters& then, const host_cuda::Counters& now) {
+  EXPECT_EQ(now.live_device_allocations, then.live_device_allocations);
+  EXPECT_EQ(now.live_device_bytes, then.live_device_bytes);
+  EXPECT_EQ(now.live_pinned_bytes, then.live_pinned_bytes);
+  EXPECT_EQ(now.live_streams, then.live_streams);
+  EXPECT_EQ(now.live_events, then.live_events);
+}
+
 /// A corrected target every so often keeps all of tracking, recovery and learning in play.
 void correct(CudaRuntimeBackend* backend, const cv::Rect2d& truth) {
   base::BBox box;
@@ -58,9 +72,7 @@ void correct(CudaRuntimeBackend* backend, const cv::Rect2d& truth) {
 
 TEST(BackendSoak, TenThousandFramesLeaveMemoryFlat) {
   const ostrel_test::TemporaryFolder folder;
-  ostrel::backbone::TrunkOptions trunk;
-  trunk.tiny = true;
-  ASSERT_TRUE(ostrel::backbone::write_trunk(trunk, folder.path("tiny.onnx")));
+  ASSERT_TRUE(write_tiny_trunk(folder.path("tiny.onnx")));
   ostrel_scene::SceneOptions options;
   options.width_px = 160;
   options.height_px = 120;
@@ -87,11 +99,31 @@ TEST(BackendSoak, TenThousandFramesLeaveMemoryFlat) {
     warm_kib = resident_kib();
     warm = host_cuda::counters();
   }
-  const host_cuda::Counters end = host_cuda::counters();
-  EXPECT_EQ(end.live_device_bytes, warm.live_device_bytes);
-  EXPECT_EQ(end.live_pinned_bytes, warm.live_pinned_bytes);
-  EXPECT_EQ(end.live_streams, warm.live_streams);
-  EXPECT_EQ(end.live_events, warm.live_events);
+  expect_same_device_handles(warm, host_cuda::counters());
+  EXPECT_LE(resident_kib() - warm_kib, kAllowedGrowth_kib);
+  RecordProperty("resident_growth_kib", static_cast<int>(resident_kib() - warm_kib));
+}
+
+TEST(BackendSoak, TwoHundredStartsLeaveMemoryFlat) {
+  constexpr int kStarts = 200;
+  constexpr int kWarmUpStarts = 40;
+  const ostrel_test::TemporaryFolder folder;
+  ASSERT_TRUE(write_tiny_trunk(folder.path("tiny.onnx")));
+  cv::Mat frame(120, 160, CV_8UC3);
+  cv::RNG(3).fill(frame, cv::RNG::UNIFORM, 0, 256);
+
+  CudaRuntimeBackend backend(tiny_config(folder.path("tiny.onnx")));
+  long warm_kib = 0;
+  host_cuda::Counters warm;
+  for (int i = 0; i < kStarts; ++i) {
+    const cv::Rect_<int> box(10 + i % 100, 8 + i % 70, 20 + i % 9, 20 + i % 7);
+    std::string error;
+    ASSERT_TRUE(backend.initialize(frame, box, &error)) << error;
+    if (i != kWarmUpStarts) continue;
+    warm_kib = resident_kib();
+    warm = host_cuda::counters();
+  }
+  expect_same_device_handles(warm, host_cuda::counters());
   EXPECT_LE(resident_kib() - warm_kib, kAllowedGrowth_kib);
   RecordProperty("resident_growth_kib", static_cast<int>(resident_kib() - warm_kib));
 }
