@@ -47,7 +47,7 @@ TEST_F(JointOptimizerProducer, LeavesNoEventBehind) {
 }
 
 TEST_F(JointOptimizerProducer, NeedsNoOrderOnTheNullStreamOrTheOptimisersOwn) {
-  ASSERT_TRUE(optimize()) << error_;
+  ASSERT_TRUE(fit_.ensure(optimizer_, &error_) && optimize()) << error_;
   atom::ProjectedFeatureView view;
   ASSERT_TRUE(optimizer_.get_projected_feature_device_view(&view, &error_)) << error_;
   host::reset_counters();
