@@ -203,7 +203,8 @@ class DemoRun {
 nlohmann::json demo_configuration(const DemoOptions& options) {
   nlohmann::json configuration{{"preposition", {{"enabled", true}}},
                                {"runtime", {{"dead_timeout_s", kDeadTimeout_s}}}};
-  configuration.merge_patch(build_configuration(options.config_file, options.settings));
+  // Not as a merge patch, in which a null would take a default away in silence.
+  configuration.update(build_configuration(options.config_file, options.settings), true);
   use_engine(options.engine, &configuration);
   return configuration;
 }

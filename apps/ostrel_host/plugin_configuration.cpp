@@ -13,12 +13,33 @@ namespace {
 
 using nlohmann::json;
 
-json read_document(const std::string& file) {
+// No setting lies this deep. Beyond it the text is refused while it is read: what walks a tree by recursion, as
+// writing one does, would run out of stack.
+constexpr int kMaxNesting = 32;
+
+std::string read_text(const std::string& file) {
   std::ifstream stream(file, std::ios::binary);
-  if (!stream) throw BadInput("the configuration '" + file + "' cannot be read");
-  const std::string text{std::istreambuf_iterator<char>(stream), {}};
   try {
-    json document = json::parse(text);
+    if (stream) return {std::istreambuf_iterator<char>(stream), {}};
+  } catch (const std::ios_base::failure&) {
+    // A folder opens and cannot be read.
+  }
+  throw BadInput("the configuration '" + file + "' cannot be read");
+}
+
+// What json::parse() does, for text that `name` stands for in a complaint.
+json parse_flat(const std::string& text, const std::string& name, bool throws) {
+  const auto check_depth = [&name](int depth, json::parse_event_t, const json&) {
+    if (depth > kMaxNesting) throw BadInput(name + " is nested too deeply");
+    return true;
+  };
+  return json::parse(text, check_depth, throws);
+}
+
+json read_document(const std::string& file) {
+  const std::string text = read_text(file);
+  try {
+    json document = parse_flat(text, "the configuration '" + file + "'", true);
     if (!document.is_object()) throw BadInput("the configuration '" + file + "' is no JSON object");
     return document;
   } catch (const json::parse_error& failure) {
@@ -45,8 +66,9 @@ void add_setting(const std::string& setting, json* document) {
   if (equals == std::string::npos || parts_of(path).empty()) {
     throw BadInput("'" + setting + "' is no setting: path=value is needed");
   }
+  if (parts_of(path).size() > kMaxNesting) throw BadInput("the setting '" + path + "' is nested too deeply");
   const std::string text = setting.substr(equals + 1);
-  json value = json::parse(text, nullptr, false);
+  json value = parse_flat(text, "the setting '" + path + "'", false);
   set_value(document, path, value.is_discarded() ? json(text) : std::move(value));
 }
 

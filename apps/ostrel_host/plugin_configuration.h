@@ -11,7 +11,7 @@ namespace ostrel_host {
 
 // The object of `file` (none when empty) with the settings "path=value" on top, such as
 // "learning/update_iterations=20"; a value that is no JSON is taken as text. Throws BadInput for a file that cannot be
-// read, text that is no JSON object, and a setting without a path or "=".
+// read, text that is no JSON object or is nested too deeply for one of settings, and a setting without a path or "=".
 nlohmann::json build_configuration(const std::string& file, const std::vector<std::string>& settings);
 
 // Puts a value where a path such as "learning/update_iterations" leads; what stands in the way is replaced.

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <ostrel_host/bad_input.h>
+#include <ostrel_host/demo_command.h>
 #include <ostrel_host/plugin_configuration.h>
 
 #include "apps/ostrel_host/fake_plugin.h"
@@ -70,6 +71,63 @@ TEST(Configuration, RefusesUnusableFilesAndSettings) {
   for (const std::string setting : {"", "a/b", "=5", "/=5"}) {
     EXPECT_EQ(refusal_of([&] { build_configuration("", {setting}); }),
               "'" + setting + "' is no setting: path=value is needed");
+  }
+}
+
+TEST(Configuration, RefusesAFolderAsAFile) {
+  const TemporaryFolder folder;
+  EXPECT_EQ(refusal_of([&] { build_configuration(folder.path().string(), {}); }),
+            "the configuration '" + folder.path().string() + "' cannot be read");
+}
+
+std::string nested(const std::string& open, const std::string& close, int levels) {
+  std::string text = "1";
+  for (int level = 0; level < levels; ++level) text = open + text + close;
+  return text;
+}
+
+TEST(Configuration, RefusesATreeThatIsDeeperThanTheStack) {
+  const TemporaryFolder folder;
+  const std::string list(100'000, '[');
+  const std::string file = folder.file("deep.json", "{\"a\":" + list + std::string(list.size(), ']') + "}");
+  EXPECT_EQ(refusal_of([&] { build_configuration(file, {}); }),
+            "the configuration '" + file + "' is nested too deeply");
+  for (const std::string& value : {list, list + std::string(list.size(), ']'), nested("{\"b\":", "}", 34)}) {
+    EXPECT_EQ(refusal_of([&] { build_configuration("", {"a/b=" + value}); }),
+              "the setting 'a/b' is nested too deeply");
+  }
+  std::string path;
+  for (int level = 0; level < 33; ++level) path += "/a";
+  EXPECT_EQ(refusal_of([&] { build_configuration("", {path + "=1"}); }),
+            "the setting '" + path + "' is nested too deeply");
+  EXPECT_EQ(build_configuration("", {"a=" + nested("[", "]", 30)}).at("a").size(), 1U);
+  EXPECT_EQ(build_configuration("", {"a=[[1"}), (json{{"a", "[[1"}})) << "no JSON, and so text";
+}
+
+TEST(Configuration, OfTheDemoLaysTheUsersOverItsOwn) {
+  const auto configuration_with = [](std::vector<std::string> settings) {
+    DemoOptions options;
+    options.settings = std::move(settings);
+    return demo_configuration(options);
+  };
+  const json own = configuration_with({});
+  EXPECT_EQ(own.at("preposition"), (json{{"enabled", true}}));
+  EXPECT_TRUE(own.at("runtime").at("dead_timeout_s").is_number());
+  json expected = own;
+  expected["preposition"]["enabled"] = false;
+  expected["target"]["class_id"] = 7;
+  EXPECT_EQ(configuration_with({"preposition/enabled=false", "target/class_id=7"}), expected);
+}
+
+TEST(Configuration, OfTheDemoHidesNoNullFromTheCheck) {
+  for (const char* setting : {"preposition=null", "preposition/enabled=null", "target/class_id=null"}) {
+    DemoOptions options;
+    options.settings = {setting};
+    const json document = demo_configuration(options);
+    const std::string path =
+        std::string("/") + std::string(setting).substr(0, std::string(setting).find('='));
+    ASSERT_TRUE(document.contains(json::json_pointer(path))) << setting;
+    EXPECT_TRUE(document.at(json::json_pointer(path)).is_null()) << setting;
   }
 }
 
