@@ -36,6 +36,7 @@ std::optional<std::vector<char>> read_engine_file(const std::string& path, std::
   file.seekg(0, std::ios::end);
   const std::streamoff size = file.tellg();
   file.seekg(0, std::ios::beg);
+  if (size > 0) file.peek();  // a folder opens and tells a size, the largest there is
   if (!file || size < 0) {
     refuse_path("failed to read TensorRT engine: ", path, error);
     return std::nullopt;

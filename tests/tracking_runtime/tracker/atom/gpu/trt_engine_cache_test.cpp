@@ -59,6 +59,8 @@ TEST_F(TrtEngineCacheTest, NamesAFileThatGoesBetweenTheTestOfExistenceAndTheLoad
 TEST_F(TrtEngineCacheTest, NamesAFileThatCannotBeRead) {
   const std::string path = "/proc/self/mem";  // opens, and has no end to seek to
   expect_failure(path, "failed to read TensorRT engine: " + path);
+  const std::string directory = folder.path().string();
+  expect_failure(directory, "failed to read TensorRT engine: " + directory);
 }
 
 TEST_F(TrtEngineCacheTest, RefusesBytesThatAreNoEngine) {
