@@ -89,8 +89,10 @@ class Strip {
                 cv::LINE_AA);
   }
 
-  // A text on a ground of its colour.
-  void badge(const std::string& words, double x_share, int row, const Colour& ground) {
+  // A text on a ground of its colour; what is too long for its column ends in dots.
+  void badge(const std::string& text_in_full, double x_share, double end_share, int row,
+             const Colour& ground) {
+    const std::string words = fitted(text_in_full, across(end_share - x_share));
     int below = 0;
     const cv::Size size = cv::getTextSize(words, kFont, 0.5 * scale_, 1, &below);
     const int pad = cvRound(5 * scale_);
@@ -110,6 +112,16 @@ class Strip {
   }
 
  private:
+  std::string fitted(std::string words, int width_px) const {
+    int below = 0;
+    const auto width = [&](const std::string& text) {
+      return cv::getTextSize(text, kFont, 0.5 * scale_, 1, &below).width;
+    };
+    if (width(words) <= width_px) return words;
+    while (!words.empty() && width(words + "..") > width_px) words.pop_back();
+    return words + "..";
+  }
+
   cv::Mat& strip_;
   double scale_;
 };
@@ -151,8 +163,8 @@ void draw_strip(const DemoCaption& caption, const DemoFrame& frame, cv::Mat* str
   Strip grid(strip);
   const double score = frame.answer.published ? frame.answer.published->score : 0.0;
   grid.text(caption.time, 0.012, 0, kFaintInk);
-  grid.badge(caption.phase, 0.115, 0, colour_of_phase(caption.phase));
-  grid.badge(caption.status, 0.33, 0, colour_of_word(frame.answer.state.status));
+  grid.badge(caption.phase, 0.115, 0.305, 0, colour_of_phase(caption.phase));
+  grid.badge(caption.status, 0.33, 0.76, 0, colour_of_word(frame.answer.state.status));
   grid.text(caption.score, 0.775, 0, kInk);
   grid.bar(0.885, 0.1, 0, score, cv::Scalar(110, 200, 90));
   grid.text(caption.event, 0.012, 1, cv::Scalar(120, 210, 245));

@@ -107,10 +107,10 @@ Story::Story(std::uint32_t seed) : events_(make_events()) {
   for (const float ahead : {48.0F, 101.0F})
     travellers_.push_back(
         {random_model(dice), false, kNearOuterLane_m, target_x(10.0F) + ahead - 85.0F, 8.5F});
-  // Low ones, so that the target stays in sight when it pulls out past them.
+  // Both stand behind the target, so that it stays in sight when it pulls out.
   const std::size_t first = add_model(VehicleKind::kHatchback, random_paint(dice));
   const std::size_t second = add_model(VehicleKind::kSedan, random_paint(dice));
-  parked_.push_back({first, {main_road_point(-108.5F, kLayByOffset_m - 0.5F), 0.21F}});
+  parked_.push_back({first, {main_road_point(-141.5F, kLayByOffset_m - 0.5F), 0.25F}});
   parked_.push_back({second, {main_road_point(-131.5F, kLayByOffset_m - 0.4F), 0.24F}});
 }
 

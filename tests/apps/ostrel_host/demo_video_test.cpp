@@ -3,6 +3,7 @@
 #include <ostrel_host/demo_video.h>
 #include <ostrel_host/word_colours.h>
 
+#include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
 
 #include "apps/ostrel_host/demo_frames.h"
@@ -96,6 +97,22 @@ TEST(DemoVideo, KeepsTheColumnsOfTheStripApart) {
     const cv::Mat last_columns = strip.colRange(width - 3, width);
     EXPECT_EQ(cv::countNonZero(last_columns.reshape(1) > 60), 0) << width;
   }
+}
+
+// The ground of a status badge is of its word's colour, up to the column of the score and no further.
+TEST(DemoVideo, CutsAWordThatIsTooLongForItsColumn) {
+  DemoFrame frame = demo_frame(5, "tracking_dead_timeout");
+  frame.answer.state.detail =
+      "elapsed_s=60.3324 timeout_s=60 last_status=overlay_rejected and more than that";
+  cv::Mat strip(strip_height_px(960), 960, CV_8UC3);
+  draw_strip(demo_caption(frame, ""), frame, &strip);
+  const Colour ground = colour_of_word("tracking_dead_timeout");
+  const cv::Scalar ink(ground.blue, ground.green, ground.red);
+  cv::Mat touched;
+  cv::inRange(strip, ink, ink, touched);
+  const cv::Rect badge = cv::boundingRect(touched);
+  EXPECT_LT(badge.br().x, 960 * 0.775);
+  EXPECT_GT(badge.br().x, 960 * 0.70);
 }
 
 TEST(DemoVideo, HoldsEveryFrameWithTheStripBelow) {
