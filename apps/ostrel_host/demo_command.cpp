@@ -84,9 +84,9 @@ class DemoRun {
     start_ = Clock::now();
     for (std::size_t index = 0; index < expected_frames_ && !interrupted(); ++index) {
       pace(index);
-      DemoCamera::Shot shot = camera_.film(index);
+      const DemoCamera::Shot shot = camera_.film(index);
       if (index == 0) begin(shot);
-      follow(index, std::move(shot));
+      follow(index, shot);
     }
     statistics_.set_wall_s(seconds_since(start_));
     progress_.finish();
@@ -113,7 +113,7 @@ class DemoRun {
     }
   }
 
-  void follow(std::size_t index, DemoCamera::Shot shot) {
+  void follow(std::size_t index, const DemoCamera::Shot& shot) {
     DemoFrame frame{static_cast<double>(index) / kDemoFrameRate, session_.step(shot.frame), shot.view,
                     shot.truth};
     const bool armed = session_.armed(frame.answer.state);

@@ -155,6 +155,7 @@ bool is_out_of_view(const DemoFrame& frame) {
 std::vector<FrameRange> unseen_stretches(const std::vector<DemoFrame>& frames) {
   const auto shortest = static_cast<std::size_t>(std::lround(kShortestStretch_s * kDemoFrameRate));
   std::vector<bool> hidden;
+  hidden.reserve(frames.size());
   for (const DemoFrame& frame : frames) hidden.push_back(!is_visible(frame));
   drop_short(false, shortest, &hidden);
   drop_short(true, shortest, &hidden);

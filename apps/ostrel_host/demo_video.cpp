@@ -1,6 +1,7 @@
 #include "demo_video.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <opencv2/imgproc.hpp>
 
@@ -48,12 +49,13 @@ void draw_corners(const cv::Rect2d& box, cv::Mat* picture) {
 void draw_dashes(cv::Point from, cv::Point to, const cv::Scalar& colour, cv::Mat* picture) {
   constexpr double kDash_px = 6.0;
   const double length = cv::norm(to - from);
-  for (double at = 0.0; at < length; at += 2.0 * kDash_px) {
-    const double end = std::min(length, at + kDash_px);
-    const auto point = [&](double along) {
-      return from + cv::Point(cv::Point2d(to - from) * (along / length));
-    };
-    cv::line(*picture, point(at), point(end), colour, 2);
+  const auto point = [&](double along) {
+    return from + cv::Point(cv::Point2d(to - from) * (std::min(along, length) / length));
+  };
+  const int dashes = static_cast<int>(std::ceil(length / (2.0 * kDash_px)));
+  for (int i = 0; i < dashes; ++i) {
+    const double start = 2.0 * kDash_px * i;
+    cv::line(*picture, point(start), point(start + kDash_px), colour, 2);
   }
 }
 

@@ -31,8 +31,8 @@ Sink& sink() {
 std::string formatted(const char* format, va_list* arguments) {
   // The analyser cannot see that rcutils hands over a started list.
   va_list copy;
-  va_copy(copy, *arguments);  // NOLINT(clang-analyzer-valist.Uninitialized)
-  const int length = std::vsnprintf(nullptr, 0, format, copy);
+  va_copy(copy, *arguments);                                    // NOLINT(clang-analyzer-valist.Uninitialized)
+  const int length = std::vsnprintf(nullptr, 0, format, copy);  // NOLINT(clang-analyzer-valist.Uninitialized)
   va_end(copy);
   if (length < 0) return {};
   std::string text(static_cast<std::size_t>(length) + 1, '\0');

@@ -54,7 +54,8 @@ void VirtualGimbal::zoom_to(double hfov_deg) {
 }
 
 void VirtualGimbal::advance(double seconds) {
-  for (double left = seconds; left > 1e-9; left -= kStep_s) advance_axes(std::min(left, kStep_s));
+  const int steps = std::max(1, static_cast<int>(std::ceil(seconds / kStep_s - 1e-9)));
+  for (int step = 0; step < steps; ++step) advance_axes(seconds / steps);
   advance_zoom(seconds);
 }
 
