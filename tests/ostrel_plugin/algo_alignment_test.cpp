@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "ostrel_plugin/algo_fixture.h"
 
 namespace ostrel_test {
@@ -196,6 +198,32 @@ TEST_F(AlgoAlignment, LimitsTheExpectedBoxByTheScaleSettings) {
                                       "clamped=(50.00,40.00) ref=(20,20) scale_limits=[0.400,2.500]"));
 }
 
+TEST_F(AlgoAlignment, LimitsEachSideByItsOwnStart) {
+  algo->enableDebug(true);
+  warmUp(view(0, 0, 40, 30), {40, 35, 20, 10});
+  const RecordedLog log;
+  update(view(0, 0, 40, 5));
+  EXPECT_FLOAT_EQ(asked().expected.width, 20.0F);
+  EXPECT_FLOAT_EQ(asked().expected.height, 25.0F);
+  EXPECT_THAT(log.console(), Contains("preposition_expected_bbox_clamped raw=(20.00,60.00) "
+                                      "clamped=(20.00,25.00) ref=(20,10) scale_limits=[0.400,2.500]"));
+}
+
+TEST_F(AlgoAlignment, TellsALimitFromRounding) {
+  algo->enableDebug(true);
+  for (const double change_px : {4e-6, 5e-7}) {
+    warmUp(view(0, 0, 40, 30), {40, 30, 20, 20});
+    const RecordedLog log;
+    update(view(0, 0, 40 / (2.5 + change_px / 20), 30));
+    EXPECT_EQ(asked().expected.width, 50.0F);
+    const auto is_told = [](const std::string& line) {
+      return line.rfind("preposition_expected_bbox_clamped raw=(50.00,20.00) clamped=(50.00,20.00) ", 0) == 0;
+    };
+    const auto lines = log.console();
+    EXPECT_EQ(std::any_of(lines.begin(), lines.end(), is_told), change_px > 1e-6) << change_px;
+  }
+}
+
 TEST_F(AlgoAlignment, SaysNothingWhenNoLimitActs) {
   algo->enableDebug(true);
   warmUp(view(0, 0, 40, 30), {40, 30, 20, 20});
@@ -271,6 +299,45 @@ TEST_F(AlgoAlignment, ArmsAtTheNextFrameWhenItFindsTheSwitchOff) {
   EXPECT_EQ(phase(), "ready");
   EXPECT_FALSE(Access::haveTarget(*algo));
   EXPECT_EQ(Access::zoomReference(*algo), std::make_pair(40.0, 30.0));
+}
+
+TEST_F(AlgoAlignment, ArmsAtTheNextFrameWhenItFindsNoTarget) {
+  startTracking(view(10, 5), {8, 8, 20, 16});
+  update(view(20, 12.5));
+  configure("preposition/enabled", "false");  // drops the target of the run
+  configure("preposition/enabled", "true");
+  Access::armed(*algo) = false;
+  EXPECT_EQ(update(view(10, 5)).size(), 1U);
+  EXPECT_EQ(status(), "track_ok");
+  EXPECT_TRUE(Access::armed(*algo));
+}
+
+TEST_F(AlgoAlignment, ComparesNoSizeThatItDoesNotKnow) {
+  warmUpWithTarget();
+  update(view(10, 5));
+  Access::sourceWidth(*algo) = 0;
+  Access::sourceHeight(*algo) = 0;
+  update(view(10, 5));
+  EXPECT_EQ(status(), "wait_alignment");
+  Access::sourceHeight(*algo) = 79;
+  update(view(10, 5));
+  EXPECT_EQ(status(), "wait_alignment_source_size_changed");
+}
+
+TEST_F(AlgoAlignment, IsAskedOfAnArmedOrAMissingTrackerInSilence) {
+  EXPECT_FALSE(Access::arm(*algo, view(20, 12.5)));
+  EXPECT_EQ(status(), "idle");
+  warmUpWithTarget();
+  EXPECT_FALSE(Access::arm(*algo, view(20, 12.5)));  // not installed yet
+  update(view(10, 5));
+  Access::initialized(*algo) = false;
+  EXPECT_FALSE(Access::arm(*algo, view(20, 12.5)));
+  EXPECT_EQ(status(), "wait_alignment");
+  Access::initialized(*algo) = true;
+  Access::armed(*algo) = true;
+  EXPECT_TRUE(Access::arm(*algo, nullptr));
+  EXPECT_EQ(status(), "wait_alignment");
+  EXPECT_EQ(phase(), "waiting_alignment");
 }
 
 TEST_F(AlgoAlignment, SkipsByItsPhaseWhenTheTrackerIsGone) {

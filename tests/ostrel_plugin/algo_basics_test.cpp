@@ -285,6 +285,9 @@ TEST_F(AlgoBasics, LogsARepeatedStatusOnlyAtAPeriodOfOneAndOnlyOnTheConsole) {
   const RecordedLog log;
   Access::setStatus(*algo, "word", "");
   EXPECT_THAT(log.console(), IsEmpty());
+  configure("debug/log_every_n_frames", "2");
+  Access::setStatus(*algo, "word", "");
+  EXPECT_THAT(log.console(), IsEmpty());
   configure("debug/log_every_n_frames", "1");
   Access::setStatus(*algo, "word", "");
   EXPECT_THAT(log.console(), ElementsAre("runtime_status=word"));

@@ -100,6 +100,38 @@ TEST_F(AlgoDropPreposition, SendsADeferredStartBackToItsFirstUpdate) {
   EXPECT_EQ(phase(), "ready");
 }
 
+TEST_F(AlgoDropPreposition, ArmsNothingThatIsNotWhole) {
+  for (const bool without_tracker : {true, false}) {
+    configure("preposition/enabled", "true");
+    waitForAlignment();
+    if (without_tracker) Access::tracker(*algo).reset();
+    Access::initialized(*algo) = without_tracker;
+    switchOff();
+    EXPECT_FALSE(Access::armed(*algo));
+    EXPECT_EQ(phase(), "waiting_first_update");
+    EXPECT_EQ(status(), "preposition_disabled_waiting_update");
+    EXPECT_EQ(Access::lastTrackOkNs(*algo), 0U);
+  }
+}
+
+/// Looks whether tracking is armed when it goes.
+struct ArmingWitness : ITrackingOverlay {
+  ArmingWitness(OstrelAlgo* algo, bool* armed) : algo_(algo), armed_(armed) {}
+  ~ArmingWitness() override { *armed_ = Access::armed(*algo_); }
+  void process(TrackingContext&) override {}
+  void reset() override {}
+  OstrelAlgo* algo_;
+  bool* armed_;
+};
+
+TEST_F(AlgoDropPreposition, ArmsBeforeItReplacesTheOverlays) {
+  waitForAlignment();
+  bool armed = false;
+  Access::overlays(*algo).push_back(std::make_unique<ArmingWitness>(algo.get(), &armed));
+  switchOff();
+  EXPECT_TRUE(armed);
+}
+
 TEST_F(AlgoDropPreposition, LetsAWarmUpEndInTracking) {
   warmUp(view(10, 5), kRoi);
   switchOff();

@@ -19,6 +19,8 @@ struct OstrelAlgoTestAccess {
   static BBox& bbox(OstrelAlgo& algo) { return algo.bbox_; }
   static bool& initialized(OstrelAlgo& algo) { return algo.initialized_; }
   static bool& armed(OstrelAlgo& algo) { return algo.tracking_armed_; }
+  static std::int32_t& sourceWidth(OstrelAlgo& algo) { return algo.source_width_; }
+  static std::int32_t& sourceHeight(OstrelAlgo& algo) { return algo.source_height_; }
   static std::int32_t& processingWidth(OstrelAlgo& algo) { return algo.tracker_input_width_; }
   static float& inverseScaleX(OstrelAlgo& algo) { return algo.inverse_scale_x_; }
   static std::uint64_t& lastTrackOkNs(OstrelAlgo& algo) { return algo.last_track_ok_ns_; }
@@ -56,6 +58,9 @@ struct OstrelAlgoTestAccess {
   }
   static void setStatus(OstrelAlgo& algo, const std::string& status, const std::string& detail) {
     algo.setRuntimeStatusLocked_(status, detail);
+  }
+  static bool arm(OstrelAlgo& algo, const OstrelAlgo::PicturePtr& picture) {
+    return algo.tryArmTrackingLocked_(picture);
   }
   static bool launch(OstrelAlgo& algo) { return algo.launchInitWorkerLocked_(); }
 

@@ -112,10 +112,14 @@ TEST_F(AlgoZoom, DoesNotRepeatARefusedNotice) {
                                  "hfov_prev=40.000 hfov_now=20.000 vfov_prev=30.000 vfov_now=15.000 "
                                  "status=refused")));
   EXPECT_THAT(log.console(), Contains("zoom_changed_failed factor=2.0000 status=refused"));
+  script([](FakeBackendScript& backend) { backend.zoom_changed.text = ""; });
+  update(view(40, 30));
+  EXPECT_THAT(log.console(), Contains("zoom_changed_failed factor=0.5000 status="));  // no word is made up
+  update(view(20, 15));
   EXPECT_EQ(status(), "track_ok");  // neither outcome changes the status
   EXPECT_EQ(Access::zoomReference(*algo), std::make_pair(20.0, 15.0));
   update(view(20, 15));
-  EXPECT_EQ(notices(), 1);
+  EXPECT_EQ(notices(), 3);
 }
 
 TEST_F(AlgoZoom, SaysNothingWithoutDebugging) {
