@@ -10,7 +10,8 @@ using JointImpl = CudaJointOptimizer::Impl;
 
 /// projected_cached = z of the last fit's samples. The fit moved P after its last projection.
 bool project_result(const JointImpl* impl, bool has_target, std::string* error) {
-  if (impl == nullptr || !has_target || !impl->state_ready || impl->last_samples < 1) {
+  if (impl == nullptr || !has_target || !impl->state_ready || impl->last_samples < 1 ||
+      !impl->holds_projected()) {
     return refuse("CUDA joint optimizer projected feature state is not ready", error);
   }
   return detail::gemm_project_features(impl->cublas.get(), impl->raw_features.get(),

@@ -55,7 +55,8 @@ class CudaJointOptimizer {
 
   /// Sets the sizes and grows the buffers; makes the non-blocking stream and the cuBLAS handle at the first
   /// call. A buffer that grows loses its contents, so that samples are preloaded after this call. A view,
-  /// a download or the normal operator after it needs a new fit when the sizes have changed.
+  /// a download or the normal operator after it needs a new fit when the sizes have changed: without one it
+  /// is refused where the buffers cannot hold the last fit's samples, and means nothing where they can.
   bool ensure_capacity(int samples, int in_channels, int out_channels, int height, int width,
                        int filter_height, int filter_width, std::string* error);
 

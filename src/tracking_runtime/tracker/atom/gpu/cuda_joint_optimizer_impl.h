@@ -67,6 +67,19 @@ struct CudaJointOptimizer::Impl {
            projection.size() == element_count({in_channels, out_channels});
   }
 
+  /// Whether the buffers hold the last result's samples at the stored sizes, both of which a later
+  /// ensure_capacity may have changed: what projecting them again touches, and beyond it the normal operator.
+  bool holds_projected() const {
+    return raw_features.holds(element_count({last_samples, in_channels, height, width})) &&
+           projected_cached.holds(element_count({last_samples, out_channels, height, width})) &&
+           projection_current.holds(element_count({in_channels, out_channels}));
+  }
+  bool holds_linearisation() const {
+    return holds_projected() && response.holds(element_count({last_samples, height, width})) &&
+           filter_current.holds(element_count({out_channels, filter_height, filter_width})) &&
+           projection_grad_batch.holds(element_count({last_samples, out_channels, in_channels}));
+  }
+
   /// What a fit or a right-hand side leaves for the calls after it.
   void remember(int count, float sample_weight) {
     last_samples = count;

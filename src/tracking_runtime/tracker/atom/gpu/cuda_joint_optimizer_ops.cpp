@@ -10,6 +10,8 @@ namespace {
 
 using JointImpl = CudaJointOptimizer::Impl;
 
+constexpr const char* kNotReady = "CUDA joint optimizer state is not ready";
+
 bool upload_rhs_inputs(const JointImpl& impl, const std::vector<float>& features,
                        const std::vector<float>& labels, const std::vector<float>& filter,
                        const std::vector<float>& projection, std::string* error) {
@@ -166,13 +168,14 @@ bool CudaJointOptimizer::apply_normal_operator(const std::vector<float>& directi
                                                float filter_regularization, float projection_regularization,
                                                std::vector<float>* out, std::string* error) {
   if (impl_ == nullptr || out == nullptr || !impl_->state_ready) {
-    return refuse("CUDA joint optimizer state is not ready", error);
+    return refuse(kNotReady, error);
   }
   const Impl& impl = *impl_;
   if (direction_filter.size() != static_cast<std::size_t>(impl.filter_size()) ||
       direction_projection.size() != static_cast<std::size_t>(impl.projection_size())) {
     return refuse("CUDA joint optimizer direction sizes do not match current dimensions", error);
   }
+  if (!impl.holds_linearisation()) return refuse(kNotReady, error);
   return upload(impl, direction_filter.data(), impl.filter_work, direction_filter.size(),
                 "cudaMemcpyAsync direction_filter", error) &&
          upload(impl, direction_projection.data(), impl.projection_work, direction_projection.size(),

@@ -5,11 +5,11 @@
 
 #include <string>
 
-/// Launches of the joint optimiser's kernels, and its two matrix products. All arrays are device memory: features N, C, H, W; filters C,
-/// fh, fw; responses, labels, gradients and weighted maps N, H, W; contiguous 32-bit floats. Each call
-/// enqueues on `stream` and returns without waiting. A launch failure returns false and reads the kernel's
-/// name, ": " and the CUDA text; a 4 x 4 filter takes the fixed kernel and its name. Element counts must fit
-/// 31 bits.
+/// Launches of the joint optimiser's kernels, and its two matrix products. All arrays are device memory:
+/// features N, C, H, W; filters C, fh, fw; responses, labels, gradients and weighted maps N, H, W; contiguous
+/// 32-bit floats. Each call enqueues on `stream` and returns without waiting. A launch failure returns false
+/// and reads the kernel's name, ": " and the CUDA text; a 4 x 4 filter takes the fixed kernel and its name.
+/// Element counts must fit 31 bits.
 
 namespace ostrel_tracker::tracking_runtime::tracker::atom::detail {
 
