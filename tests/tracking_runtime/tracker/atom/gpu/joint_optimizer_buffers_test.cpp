@@ -207,6 +207,18 @@ TEST_F(JointOptimizerBuffers, RefusesImpossibleCopies) {
   EXPECT_TRUE(copies(3, 0, 3, std::vector<float>(9, 1.0F))) << error_;
 }
 
+TEST_F(JointOptimizerBuffers, DoesNotKeepTheSourceOfCopiesFromTheirTargets) {
+  ASSERT_TRUE(preload({host_span(0, 4)})) << error_;
+  ASSERT_TRUE(copies(1, 0, 3, std::vector<float>(9, 1.0F))) << error_;
+  // Copies by 1 cannot tell when the source is overwritten.
+  std::vector<float> expected;
+  for (const int from : {1, 1, 1, 3}) {
+    const std::vector<float> one = samples_of(fit_.raw, from, from + 1);
+    expected.insert(expected.end(), one.begin(), one.end());
+  }
+  EXPECT_EQ(raw_on_device(4), expected);
+}
+
 TEST_F(JointOptimizerBuffers, RefusesCopiesBeforeItHasBuffers) {
   CudaJointOptimizer fresh;
   EXPECT_FALSE(fresh.materialize_scaled_sample_copies(0, 1, 1, {1.0F, 1.0F, 1.0F}, &error_));

@@ -1,8 +1,5 @@
 // What a fit puts on its stream, and what it asks of the runtime beside it.
 
-#include <map>
-#include <sstream>
-
 #include "joint_optimizer_fixture.h"
 
 namespace ostrel_test {
@@ -99,6 +96,16 @@ TEST_F(JointOptimizerQueue, KeepsTheOrderOfItsStages) {
   append(&expected, Names(ranges, "cudaEventElapsedTime"));
   append(&expected, Names(2 * ranges, "cudaEventDestroy"));
   EXPECT_EQ(traced([this] { ASSERT_TRUE(optimize()) << error_; }), expected);
+}
+
+TEST_F(JointOptimizerQueue, NeverTurnsItsDirectionInASingleIteration) {
+  fit_.gauss_newton = fit_.conjugate_gradient = 1;
+  host::reset_counters();
+  ASSERT_TRUE(optimize()) << error_;
+  EXPECT_EQ(launches("combine_with_beta_from_scalars_kernel"), 0);
+  EXPECT_EQ(launches("dot_product_kernel"), 4);  // rho and pq, two halves each
+  EXPECT_EQ(calls("cudaEventElapsedTime"), 21);  // one range of each phase, the copy of r among them
+  EXPECT_EQ(calls("cudaEventCreate"), 2 * 21);
 }
 
 TEST_F(JointOptimizerQueue, TakesTheGeneralKernelsForOtherFilters) {

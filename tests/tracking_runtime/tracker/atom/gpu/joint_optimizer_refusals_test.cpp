@@ -19,6 +19,7 @@ const char* const kBadPreloadedSizes =
 const char* const kBadRhs = "invalid CUDA joint optimizer rhs request";
 const char* const kBadRhsSizes = "CUDA joint optimizer rhs sizes do not match requested dimensions";
 const char* const kBadDirection = "CUDA joint optimizer direction sizes do not match current dimensions";
+
 class JointOptimizerRefusals : public JointOptimizerTest {
  protected:
   std::vector<float> values_;
@@ -141,6 +142,31 @@ TEST_F(JointOptimizerRefusals, RefusesToShowProjectionsBeforeTheFirstResult) {
   EXPECT_EQ(std::exchange(error_, ""), kNotProjected);
   EXPECT_FALSE(optimizer_.download_projected_features(nullptr, &error_));
   EXPECT_EQ(error_, kNotProjected);
+}
+
+TEST_F(JointOptimizerRefusals, RefusesAResultThatItsBuffersNoLongerHold) {
+  ASSERT_TRUE(optimize()) << error_;  // two samples
+  fit_.shape.samples = 1;
+  fit_.shape.height = fit_.shape.width = 7;  // one of them fits the memory, two do not
+  ASSERT_TRUE(fit_.ensure(optimizer_, &error_)) << error_;
+  EXPECT_FALSE(download());
+  EXPECT_EQ(std::exchange(error_, ""), kNotProjected);
+  EXPECT_FALSE(apply());
+  EXPECT_EQ(std::exchange(error_, ""), kNotReady);
+}
+
+TEST_F(JointOptimizerRefusals, RefusesToOperateOnBuffersThatAFailedGrowthTook) {
+  ASSERT_TRUE(optimize()) << error_;
+  JointFitCase larger = fit_;
+  larger.shape.samples = 3;
+  host::fail_call("cudaMalloc", 5, cudaErrorUnknown);  // raw_features, labels, z twice, response
+  ASSERT_FALSE(larger.ensure(optimizer_, &error_));
+  ASSERT_EQ(error_.find("cudaMalloc response: "), 0U) << error_;
+  EXPECT_FALSE(apply());
+  EXPECT_EQ(std::exchange(error_, ""), kNotReady);
+  // The next fit makes them again.
+  ASSERT_TRUE(optimize()) << error_;
+  EXPECT_TRUE(apply()) << error_;
 }
 
 TEST_F(JointOptimizerRefusals, MovedFromRefusesEverything) {
