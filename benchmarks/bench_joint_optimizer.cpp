@@ -1,7 +1,7 @@
-// The joint optimiser's operators and its whole fit, on fixed random input, against what this machine can do in the
-// same run: a plain large product on the same cores, and a plain copy. `of_peak` is the share of that product's
-// multiply-adds per second, `of_copy` the share of the copy's bytes per second; the operator's bytes are those of
-// its arrays, each counted once.
+// The joint optimiser's operators and its whole fit, on fixed random input, against what this machine can do in
+// the same run: a plain large product on the same cores, and a plain copy. `of_peak` is the share of that
+// product's multiply-adds per second, `of_copy` the share of the copy's bytes per second; the operator's bytes
+// are those of its arrays, once for each read and once for each write.
 
 #include <benchmark/benchmark.h>
 #include <cublas_v2.h>
