@@ -102,6 +102,7 @@ TEST_F(BackendConfig, SeedsTheScaleFilterWithTheNewNoisesWhenThePredictorComesOn
 TEST_F(BackendConfig, ResetsTheScaleFilterWhenThePredictorGoesOff) {
   wanted_.enable_scale_predictor = true;
   EXPECT_TRUE(update());
+  EXPECT_TRUE(state().scale_kalman_seeded) << "by the switch alone";
   wanted_.enable_scale_predictor = false;
   EXPECT_TRUE(update());
   EXPECT_FALSE(state().scale_kalman_seeded);

@@ -194,9 +194,9 @@ TEST_F(Corrections, TakeAVanishingScaleForABoxThatIsNothingBesideTheBase) {
   EXPECT_TRUE(teleport({40.0F, 30.0F, 2.0F, 2.0F}));
   EXPECT_FLOAT_EQ(state().target_scale, 0.001F);
   // Just above the limit the root of the ratio counts: here it lies above that constant, too.
-  state().base_target_size = {1e3F, 1e3F};
+  state().base_target_size = {1.6e3F, 1.6e3F};
   EXPECT_TRUE(teleport({40.0F, 30.0F, 2.0F, 2.0F}));
-  EXPECT_FLOAT_EQ(state().target_scale, 0.002F);
+  EXPECT_FLOAT_EQ(state().target_scale, 0.00125F);
 }
 
 TEST_F(Corrections, ZoomInPlaceAndBack) {
