@@ -211,6 +211,7 @@ TEST_F(Program, RefusesBadInputInOneLine) {
   std::filesystem::create_directory(folder_.path() / "damaged");
   folder_.file("damaged/1.png", "no image");
   folder_.file("broken.json", "{");
+  folder_.file("deep.json", R"({"target":)" + std::string(100'000, '[') + std::string(100'000, ']') + "}");
   folder_.file("unknown.json", R"({"learn":{}})");
   const auto path = [&](const char* name) { return folder_.path(name); };
   const auto quoted = [&](const char* name) { return "'" + folder_.path(name) + "'"; };
@@ -232,6 +233,10 @@ TEST_F(Program, RefusesBadInputInOneLine) {
       {source + roi + "--colour", "The following argument was not expected: --colour"},
       {source + roi + "--config " + path("missing.json"),
        "the configuration " + quoted("missing.json") + " cannot be read"},
+      {source + roi + "--config " + path("nothing"),
+       "the configuration " + quoted("nothing") + " cannot be read"},
+      {source + roi + "--config " + path("deep.json"),
+       "the configuration " + quoted("deep.json") + " is nested too deeply"},
       {source + roi + "--config " + path("broken.json"),
        "the configuration " + quoted("broken.json") + " is malformed JSON at line 1"},
       {source + roi + "--set nonsense", "'nonsense' is no setting: path=value is needed"},
