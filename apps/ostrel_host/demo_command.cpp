@@ -32,6 +32,11 @@ using Clock = std::chrono::steady_clock;
 // The plug-in counts it in real time, and frames are rendered slower than a camera takes them.
 constexpr double kDeadTimeout_s = 300.0;
 
+// Scores depend on the backbone. With random or ImageNet weights a followed vehicle of this world scores 0.4 to 0.9, so
+// the defaults would freeze and hide a box that fits.
+constexpr double kLowScore = 0.4;
+constexpr double kReacquisitionScore = 0.6;
+
 double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
@@ -202,7 +207,10 @@ class DemoRun {
 
 nlohmann::json demo_configuration(const DemoOptions& options) {
   nlohmann::json configuration{{"preposition", {{"enabled", true}}},
-                               {"runtime", {{"dead_timeout_s", kDeadTimeout_s}}}};
+                               {"runtime", {{"dead_timeout_s", kDeadTimeout_s}}},
+                               {"jump_filter", {{"min_score", kLowScore}}},
+                               {"publication", {{"lost_score_threshold", kLowScore}}},
+                               {"reacquisition", {{"min_score", kReacquisitionScore}}}};
   // Not as a merge patch, in which a null would take a default away in silence.
   configuration.update(build_configuration(options.config_file, options.settings), true);
   use_engine(options.engine, &configuration);

@@ -22,7 +22,8 @@ struct DemoOptions {
   bool debug = false;
 };
 
-// What the demo sets when the user says nothing else: pre-positioning, and a dead timeout that waits for a renderer.
+// What the demo sets when the user says nothing else: pre-positioning, a dead timeout that waits for a renderer, and
+// score thresholds for the backbones that it is run with.
 nlohmann::json demo_configuration(const DemoOptions& options);
 
 // Returns the exit code. Throws BadInput.

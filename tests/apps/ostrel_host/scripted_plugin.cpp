@@ -20,6 +20,9 @@ constexpr char kSchema[] = R"(
   "learning":{"type":"object","properties":{
     "update_iterations":{"type":"integer","minimum":1,"maximum":100}}},
   "preposition":{"type":"object","properties":{"enabled":{"type":"boolean"}}},
+  "jump_filter":{"type":"object","properties":{"min_score":{"type":"number"}}},
+  "publication":{"type":"object","properties":{"lost_score_threshold":{"type":"number"}}},
+  "reacquisition":{"type":"object","properties":{"min_score":{"type":"number"}}},
   "target":{"type":"object","properties":{"class_id":{"type":"integer"}}},
   "runtime":{"type":"object","properties":{"dead_timeout_s":{"type":"number"}}},
   "debug":{"type":"object","properties":{"enabled":{"type":"boolean"}}}}}
