@@ -44,7 +44,9 @@ class DirectStart : public TrackingStart {
     EXPECT_EQ(a.size(), b.size());
     double largest = 0.0;
     for (std::size_t i = 0; i < std::min(a.size(), b.size()); ++i) {
-      largest = std::max(largest, std::fabs(static_cast<double>(a[i]) - static_cast<double>(b[i])));
+      const double difference = std::fabs(static_cast<double>(a[i]) - static_cast<double>(b[i]));
+      if (std::isnan(difference)) return difference;  // below no tolerance
+      largest = std::max(largest, difference);
     }
     return largest;
   }

@@ -39,6 +39,7 @@ class DirectTemplate : public DirectStart {
                 Contains("[CudaRuntimeBackend] init stage=template_feature raw=[1,16,8,8]").Times(1));
     EXPECT_EQ(path(), "direct_gpu");
     EXPECT_EQ(memory().num_stored_samples, 9);
+    for (const float weight : weights().filter_weights) EXPECT_TRUE(std::isfinite(weight));
   }
 };
 

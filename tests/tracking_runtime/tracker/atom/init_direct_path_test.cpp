@@ -2,6 +2,8 @@
 
 #include <chrono>
 #include <future>
+#include <mutex>
+#include <thread>
 
 #include "tracking_runtime/tracker/atom/direct_start_fixture.h"
 
@@ -222,6 +224,20 @@ TEST_F(PreparedStart, GivesTheSameAsTheHostPathFromTheSameDraws) {
   EXPECT_EQ(direct.filter_version, weights().filter_version);
   EXPECT_GT(largest_difference(direct.projection_matrix, kept().projection_matrix), 100 * kPathTolerance)
       << "the fit moves the matrix";
+}
+
+TEST_F(PreparedStart, ReplacesTheWeightsUnderTheLockOfTheState) {
+  ASSERT_NO_FATAL_FAILURE(prepare());
+  ostrel::host_cuda::reset_counters();
+  std::unique_lock<std::mutex> reader(Access::state_mutex(backend()));
+  auto fit = std::async(std::launch::async, [this] { return take_direct_path(); });
+  // A step of the fit for each of its iterations and for each half of the weights, then the lock.
+  while (counters().launches_of("add_in_place_kernel") < 2 * kGaussNewton) std::this_thread::yield();
+  EXPECT_EQ(fit.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+  expect_kept_weights();
+  reader.unlock();
+  EXPECT_EQ(fit.get(), 'd') << error;
+  EXPECT_EQ(weights().projection_version, kept().projection_version + 1);
 }
 
 TEST_F(PreparedStart, MakesNoDropoutsWithoutMasks) {
