@@ -74,7 +74,8 @@ bool InitPipeline::make_direct_labels(DirectSet* set) {
   for (std::size_t i = 1; i < augmented.patches.size(); ++i) {
     set->further_images.push_back(augmented.patches[i].image);
     LabelMap label = label_at(augmented.patches[i].center);
-    set->labels.push_back(label.defined() ? std::move(label) : template_label);
+    if (!label.defined()) label = template_label;
+    set->labels.push_back(std::move(label));
   }
   for (int i = 0; i < kInitDropoutSamples; ++i) set->labels.push_back(template_label);
   std::fprintf(stderr, "[CudaRuntimeBackend] init stage=aug_raw count=%zu\n", set->labels.size());
