@@ -143,6 +143,31 @@ TEST_F(TrtDeviceBatchTest, RefusesAnOutputShapeThatIsNotThatOfTheBatch) {
   }
 }
 
+TEST_F(TrtDeviceBatchTest, TellsTheFirstOfSeveralFailures) {
+  ASSERT_TRUE(start(StridedEngine{}, 2));
+  const std::vector<cv::Mat> grey(2, cv::Mat(32, 32, CV_8UC1, cv::Scalar()));
+  const auto fail_from = [&](int step) {
+    host_cuda::clear_faults();
+    if (step < 1) host_cuda::fail_call("setInputShape", 1, 1);
+    if (step < 2) host_cuda::answer_call("getTensorShape(input)", 1, {1, 3, 32, 32});
+    if (step < 3) host_cuda::fail_call("setTensorAddress", 1, 1);
+    host_cuda::fail_call("enqueueV3", 1, 1);
+    host_cuda::answer_call("getTensorShape(coarse)", 1, {1, 6, 8, 8});
+  };
+  const char* const texts[] = {"failed to set TensorRT init device batch input shape",
+                               "TensorRT init device batch input shape mismatch",
+                               "failed to bind TensorRT init device batch input tensor",
+                               "TensorRT input patch has invalid size or type"};
+  for (int step = 0; step < 4; ++step) {
+    fail_from(step);
+    expect_failure(grey, texts[step]);
+  }
+  fail_from(4);
+  expect_failure(random_patches(2), "TensorRT enqueue failed for init device batch");
+  trt->ready = false;
+  expect_failure(random_patches(3), "TensorRT backbone is not ready for device init batch");
+}
+
 TEST_F(TrtDeviceBatchTest, NeedsAnOutputBuffer) {
   ASSERT_TRUE(start(StridedEngine{}, 2));
   const auto first = std::move(trt->out0_device);
