@@ -163,6 +163,24 @@ TEST_F(DirectStart, WaitsForAnotherUseOfTheOptimiser) {
   EXPECT_TRUE(started.get()) << error;
 }
 
+TEST_F(PreparedStart, KeepsTheOptimiserDuringTheLastTraining) {
+  ASSERT_NO_FATAL_FAILURE(prepare());
+  const auto fitted_version = [this] {
+    const std::lock_guard<std::mutex> lock(Access::state_mutex(backend()));
+    return weights().projection_version;
+  };
+  std::unique_lock<std::mutex> trainer(Access::filter_trainer_mutex(backend()));
+  auto taken = std::async(std::launch::async, [this] { return take_direct_path(); });
+  while (fitted_version() == kept().projection_version &&
+         taken.wait_for(std::chrono::milliseconds(1)) == std::future_status::timeout) {
+  }
+  EXPECT_EQ(taken.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+  EXPECT_FALSE(Access::joint_optimizer_mutex(backend()).try_lock());
+  trainer.unlock();
+  EXPECT_EQ(taken.get(), 'd') << error;
+  EXPECT_EQ(weights().filter_version, kept().filter_version + 2);
+}
+
 TEST_F(DirectStart, LeavesTheOptimiserFree) {
   ASSERT_TRUE(start()) << error;
   EXPECT_TRUE(Access::joint_optimizer_mutex(backend()).try_lock());

@@ -1,5 +1,9 @@
 // The joint fit through host memory.
 
+#include <chrono>
+#include <future>
+#include <mutex>
+
 #include "support/heap_counter.h"
 #include "tracking_runtime/tracker/atom/direct_start_fixture.h"
 #include "tracking_runtime/tracker/atom/gpu/cuda_joint_optimizer_impl.h"
@@ -194,6 +198,45 @@ TEST_F(HostFit, RefusesSamplesAndLabelsOfAnotherShape) {
     labels[3] = aside;
   }
   EXPECT_TRUE(fit(&projected, &error)) << error;
+}
+
+TEST_F(HostFit, LooksAtTheSetThenAtTheWeightsThenAtTheShapes) {
+  raw[1].height = kHeight + 1;
+  weights().filter_channels = kProjected + 1;
+  keep_weights();
+  expect_refusal("joint optimization state is incomplete");
+  labels.pop_back();
+  expect_refusal("joint optimization got an invalid augmented sample set");
+}
+
+TEST_F(HostFit, RefusesAMissingSample) {
+  std::vector<const FeatureMap*> list = pointers();
+  for (const std::size_t at : {2u, 0u}) {
+    list[at] = nullptr;
+    EXPECT_FALSE(Access::optimize_joint_init(backend(), list, labels, &projected, &error));
+    EXPECT_EQ(error, "joint optimization received inconsistent augmented sample dimensions");
+  }
+  expect_kept_weights();
+}
+
+TEST_F(HostFit, WaitsForAnotherUseOfTheOptimiser) {
+  std::unique_lock<std::mutex> busy(Access::joint_optimizer_mutex(backend()));
+  auto fitted = std::async(std::launch::async, [this] { return fit(&projected, &error); });
+  EXPECT_EQ(fitted.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+  EXPECT_EQ(Access::joint_optimizer(backend()), nullptr);
+  busy.unlock();
+  EXPECT_TRUE(fitted.get()) << error;
+  EXPECT_TRUE(Access::joint_optimizer_mutex(backend()).try_lock());
+  Access::joint_optimizer_mutex(backend()).unlock();
+}
+
+TEST_F(HostFit, LeavesTheLockOfTheStateAlone) {
+  std::unique_lock<std::mutex> reader(Access::state_mutex(backend()));
+  auto fitted = std::async(std::launch::async, [this] { return fit(&projected, &error); });
+  EXPECT_EQ(fitted.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+  reader.unlock();
+  EXPECT_TRUE(fitted.get()) << error;
+  EXPECT_EQ(weights().projection_version, kept().projection_version + 1);
 }
 
 TEST_F(HostFit, KeepsTheSolversTexts) {
