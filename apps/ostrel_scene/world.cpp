@@ -32,6 +32,12 @@ CameraView after(const CameraView& view, double seconds) {
   return later;
 }
 
+// One that has just come again from the other end of its lane has not driven that way while the shutter was open.
+Smear believable(const Smear& smear, cv::Size picture_px) {
+  const float longest = 0.25F * static_cast<float>(picture_px.width);
+  return smear.dot(smear) > longest * longest ? Smear() : smear;
+}
+
 }  // namespace
 
 struct World::Impl {
@@ -86,7 +92,7 @@ std::vector<VehicleView> World::Impl::vehicles_before(double time_s, const Camer
     if (!look_at(now[i], camera, seen)) continue;
     if (!opening.project(before[i].pose.position, first) || !closing.project(later[i].pose.position, last))
       continue;
-    seen.smear_px = {last.x_px - first.x_px, last.y_px - first.y_px};
+    seen.smear_px = believable({last.x_px - first.x_px, last.y_px - first.y_px}, size());
     result.push_back(seen);
   }
   return result;
