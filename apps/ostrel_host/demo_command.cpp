@@ -59,6 +59,7 @@ nlohmann::ordered_json more_of_frame(const DemoFrame& frame) {
   return {{"time_s", frame.time_s},
           {"truth", {truth.x, truth.y, truth.width, truth.height}},
           {"visible_share", frame.truth.visible_share},
+          {"in_view_share", frame.in_view_share},
           {"pan_deg", frame.view.pan_deg},
           {"tilt_deg", frame.view.tilt_deg},
           {"hfov_deg", frame.view.hfov_deg},
@@ -120,7 +121,7 @@ class DemoRun {
 
   void follow(std::size_t index, const DemoCamera::Shot& shot) {
     DemoFrame frame{static_cast<double>(index) / kDemoFrameRate, session_.step(shot.frame), shot.view,
-                    shot.truth};
+                    shot.truth, share_in_view(shot.truth.box_px, options_.size_px)};
     const bool armed = session_.armed(frame.answer.state);
     if (armed && !statistics_.ever_armed()) statistics_.set_ready_ms(1000.0 * seconds_since(init_at_));
     if (armed) {

@@ -15,7 +15,7 @@ struct DemoFrame {
   StepResult answer;
   ViewReading view;  // as the frame's metadata said
   ostrel_scene::TargetTruth truth;
-  double in_view_share = 1.0;  // of the true box
+  double in_view_share = 0.0;  // of the true box
 };
 
 // The share of a box that lies inside a picture, 0 for a box without size.

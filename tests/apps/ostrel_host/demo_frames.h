@@ -14,6 +14,7 @@ inline ostrel_host::DemoFrame demo_frame(std::size_t index, const std::string& s
   frame.time_s = static_cast<double>(index) / ostrel_host::kDemoFrameRate;
   frame.truth.box_px = {100, 50, 40, 20};
   frame.truth.visible_share = 1.0;
+  frame.in_view_share = 1.0;
   frame.view = {1.0, -14.0, 40.0, 23.0};
   frame.answer.state.status = status;
   frame.answer.state.phase = "ready";

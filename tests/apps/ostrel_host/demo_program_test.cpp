@@ -53,6 +53,7 @@ TEST_F(DemoProgram, WritesTruthAndViewWithEveryBox) {
   EXPECT_EQ(frames[2]["time_s"], 0.08);
   EXPECT_EQ(frames[2]["truth"].size(), 4u);
   EXPECT_GT(frames[2]["visible_share"], 0.9);
+  EXPECT_EQ(frames[2]["in_view_share"], 1.0);
   EXPECT_EQ(frames[2]["hfov_deg"], 26.0);
   for (const char* key : {"pan_deg", "tilt_deg", "vfov_deg"}) EXPECT_TRUE(frames[2][key].is_number()) << key;
 }
