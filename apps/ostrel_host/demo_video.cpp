@@ -14,7 +14,7 @@ namespace {
 const cv::Scalar kTruth(255, 255, 255);
 const cv::Scalar kRawBox(230, 200, 60);
 const cv::Scalar kStrip(28, 24, 22);
-const cv::Scalar kInk(235, 235, 235);
+const cv::Scalar kCaptionInk(235, 235, 235);
 const cv::Scalar kFaintInk(165, 165, 165);
 constexpr int kFont = cv::FONT_HERSHEY_DUPLEX;
 constexpr int kNominalWidth_px = 960;  // for which the sizes below are made
@@ -167,7 +167,7 @@ void draw_strip(const DemoCaption& caption, const DemoFrame& frame, cv::Mat* str
   grid.text(caption.time, 0.012, 0, kFaintInk);
   grid.badge(caption.phase, 0.115, 0.305, 0, colour_of_phase(caption.phase));
   grid.badge(caption.status, 0.33, 0.76, 0, colour_of_word(frame.answer.state.status));
-  grid.text(caption.score, 0.775, 0, kInk);
+  grid.text(caption.score, 0.775, 0, kCaptionInk);
   grid.bar(0.885, 0.1, 0, score, cv::Scalar(110, 200, 90));
   grid.text(caption.event, 0.012, 1, cv::Scalar(120, 210, 245));
   grid.text(caption.camera, 0.59, 1, kFaintInk);
