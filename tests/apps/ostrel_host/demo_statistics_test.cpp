@@ -212,15 +212,15 @@ TEST(DemoReport, WritesEveryFigureAsJson) {
   add(25, followed, &frames);
   add(25, covered, &frames);
   add(25, followed, &frames);
-  const auto json = to_json_report(judge(frames, {{0.0, 0.5, "look-alike crosses"}}));
+  const auto report = to_json_report(judge(frames, {{0.0, 0.5, "look-alike crosses"}}));
   for (const char* key :
        {"frames", "armed_s", "scored_where_visible_share_above", "accuracy", "mean_overlap", "out_of_view",
         "auc_with_out_of_view", "published", "held", "beside_target", "hidden_frames", "held_while_hidden",
         "seen_while_hidden", "zoom_notices", "returns", "look_alikes"}) {
-    EXPECT_TRUE(json.contains(key)) << key;
+    EXPECT_TRUE(report.contains(key)) << key;
   }
-  EXPECT_EQ(json["returns"][0]["found_after_s"], 0.0);
-  EXPECT_EQ(json["look_alikes"][0]["frames_beside_target"], 0);
+  EXPECT_EQ(report["returns"][0]["found_after_s"], 0.0);
+  EXPECT_EQ(report["look_alikes"][0]["frames_beside_target"], 0);
 }
 
 TEST(DemoReport, NamesTheEventsOfATime) {
