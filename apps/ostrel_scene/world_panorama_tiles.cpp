@@ -42,9 +42,13 @@ void PanoramaTiles::assign(float left, float top, float right, float bottom, std
   const auto tile = [](float place, int count) {
     return std::clamp(static_cast<int>(std::floor(place / kTile_px)), 0, count - 1);
   };
+  const auto index_of = [this](int row, int column) {
+    const int tile_index = row * tiles_.width + column;
+    return static_cast<std::size_t>(tile_index);
+  };
   for (int row = tile(top - 1, tiles_.height); row <= tile(bottom + 1, tiles_.height); ++row) {
     for (int column = tile(left - 1, tiles_.width); column <= tile(right + 1, tiles_.width); ++column)
-      (contents_[static_cast<std::size_t>(row * tiles_.width + column)].*list).push_back(index);
+      (contents_[index_of(row, column)].*list).push_back(index);
   }
 }
 

@@ -86,9 +86,9 @@ EntryPointer load_entry(const std::string& path, std::string* error) {
   return entry;
 }
 
-TrtEngineLookup insert_or_take_existing(const std::string& path, EntryPointer entry) {
+TrtEngineLookup insert_or_take_existing(const std::string& path, EntryPointer&& entry) {
   const std::lock_guard<std::mutex> lock(get_trt_engine_cache_mutex());
-  // Unlike emplace, this leaves an entry that loses alone: its engine goes with the argument, not under the lock.
+  // Unlike emplace, this leaves an entry that loses alone: its engine goes with the caller's, not under the lock.
   const auto [position, inserted] = get_trt_engine_cache().try_emplace(path, std::move(entry));
   return {position->second, inserted ? "miss" : "hit"};
 }
