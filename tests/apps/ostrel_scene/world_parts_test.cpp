@@ -10,21 +10,13 @@
 #include <algorithm>
 #include <opencv2/imgproc.hpp>
 
+#include "apps/ostrel_scene/world_views.h"
+
 namespace ostrel_scene {
 namespace {
 
 const cv::Size kWholePicture(240, 136);
 const Colour kRed(0.0F, 0.0F, 200.0F), kBlue(200.0F, 0.0F, 0.0F);
-
-CameraView view_of(const Vec3& point, double hfov_deg) {
-  const Direction direction = direction_to(point);
-  CameraView view;
-  view.pan_deg = direction.pan_deg;
-  view.tilt_deg = direction.tilt_deg;
-  view.hfov_deg = hfov_deg;
-  view.vfov_deg = 0.5666 * hfov_deg;
-  return view;
-}
 
 Corner corner(float x, float y, float nearness, const Colour& colour) {
   return {{x, y, nearness}, colour};
@@ -38,7 +30,7 @@ void draw_square(SampleBuffer& buffer, float left, float right, float nearness, 
 }
 
 TEST(Pinhole, ProjectsWhatItsRaysHit) {
-  const Pinhole camera(view_of({30.0F, 140.0F, 0.0F}, 30.0), kWholePicture);
+  const Pinhole camera(view_towards({30.0F, 140.0F, 0.0F}, 30.0), kWholePicture);
   for (const cv::Point2f place :
        {cv::Point2f(3.0F, 5.0F), cv::Point2f(120.0F, 68.0F), cv::Point2f(230.0F, 130.0F)}) {
     const Vec3 ray = unit(camera.ray(place.x, place.y));

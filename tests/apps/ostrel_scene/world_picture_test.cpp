@@ -5,20 +5,12 @@
 #include <memory>
 #include <opencv2/imgproc.hpp>
 
+#include "apps/ostrel_scene/world_views.h"
+
 namespace ostrel_scene {
 namespace {
 
 const cv::Size kPicture(240, 136);
-
-CameraView view_towards(const Vec3& point, double hfov_deg) {
-  const Direction direction = direction_to(point);
-  CameraView view;
-  view.pan_deg = direction.pan_deg;
-  view.tilt_deg = direction.tilt_deg;
-  view.hfov_deg = hfov_deg;
-  view.vfov_deg = 0.5666 * hfov_deg;
-  return view;
-}
 
 // A world with nothing but ground and what a test puts there.
 struct Scenery {
