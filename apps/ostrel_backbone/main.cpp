@@ -5,11 +5,12 @@
 #include <map>
 #include <string>
 
+#include "import_command.h"
+#include "precision_names.h"
 #include "trunk_writer.h"
 
 namespace {
 
-using ostrel::backbone::Precision;
 using ostrel::backbone::TrunkOptions;
 using ostrel::backbone::TrunkOutputs;
 
@@ -23,8 +24,6 @@ struct RandomCommand {
 void declare_random(CLI::App* app, RandomCommand* command) {
   static const std::map<std::string, TrunkOutputs> kOutputs{
       {"layer2", TrunkOutputs::kLayer2}, {"layer3", TrunkOutputs::kLayer3}, {"both", TrunkOutputs::kBoth}};
-  static const std::map<std::string, Precision> kPrecisions{{"float32", Precision::kFloat32},
-                                                            {"bfloat16", Precision::kBfloat16}};
   CLI::App* random = app->add_subcommand("random", "Write the trunk of ResNet-18 with random weights");
   random->add_option("--seed", command->options.seed, "Seed of the weights")->required();
   random->add_option("--out", command->file, "The ONNX file to write")->required();
@@ -37,8 +36,9 @@ void declare_random(CLI::App* app, RandomCommand* command) {
   random->add_option("--input-size", command->options.input_size, "Height and width (default 192, tiny 32)")
       ->check(CLI::Range(ostrel::backbone::kSmallestInputSize, ostrel::backbone::kLargestInputSize));
   random
-      ->add_option("--precision", command->options.precision, "float32 or bfloat16 inside (default float32)")
-      ->transform(CLI::CheckedTransformer(kPrecisions));
+      ->add_option("--precision", command->options.precision,
+                   "float32, bfloat16 or float16 inside (default float32)")
+      ->transform(CLI::CheckedTransformer(ostrel::backbone::precision_names()));
 }
 
 int write_random(const RandomCommand& command) {
@@ -55,9 +55,13 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   RandomCommand command;
   declare_random(&app, &command);
+  ostrel::backbone::ImportCommand import_command;
+  const CLI::App* import = ostrel::backbone::declare_import(&app, &import_command);
   try {
     app.parse(argc, argv);
-    return write_random(command);
+    if (!import->parsed()) return write_random(command);
+    ostrel::backbone::run_import(import_command);
+    return 0;
   } catch (const CLI::ParseError& failure) {
     if (failure.get_exit_code() == 0) return app.exit(failure);
     std::cerr << "ostrel_backbone: " << failure.what() << '\n';

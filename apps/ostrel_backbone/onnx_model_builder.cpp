@@ -3,6 +3,7 @@
 #include <onnx/onnx_pb.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 
@@ -116,13 +117,16 @@ std::string OnnxModelBuilder::bytes() const {
   return model_->proto.SerializeAsString();
 }
 
+// Written beside and renamed, so that a file of that name is always whole.
 bool OnnxModelBuilder::save(const std::string& path, std::string* error) const {
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  const std::string part = path + ".part";
+  std::ofstream file(part, std::ios::binary | std::ios::trunc);
   const std::string content = bytes();
   file.write(content.data(), static_cast<std::streamsize>(content.size()));
   file.close();
-  if (file) return true;
+  if (file && std::rename(part.c_str(), path.c_str()) == 0) return true;
   if (error != nullptr) *error = "cannot write " + path + ": " + std::strerror(errno);
+  std::remove(part.c_str());
   return false;
 }
 

@@ -44,7 +44,7 @@ class OnnxModelBuilder {
   // The serialised model.
   std::string bytes() const;
 
-  // False with a text when the file cannot be written.
+  // False with a text when the file cannot be written; then nothing is left of it.
   bool save(const std::string& path, std::string* error = nullptr) const;
 
  private:

@@ -55,15 +55,19 @@ int strided_size(int size, int kernel, int stride) {
 FeaturePlanes convolve(const FeaturePlanes& source, const Convolution& convolution) {
   const int kernel = convolution.kernel;
   const int padding = convolution.padding();
+  const int step = convolution.dilation;
   FeaturePlanes target(convolution.out_channels, strided_size(source.height, kernel, convolution.stride),
                        strided_size(source.width, kernel, convolution.stride));
   const float* weight = convolution.weights.data();
   for (int out = 0; out < convolution.out_channels; ++out) {
-    std::fill_n(target.plane(out), target.plane_size(), convolution.bias[static_cast<std::size_t>(out)]);
+    if (!convolution.bias.empty()) {
+      std::fill_n(target.plane(out), target.plane_size(), convolution.bias[static_cast<std::size_t>(out)]);
+    }
     for (int in = 0; in < convolution.in_channels; ++in) {
       for (int y = 0; y < kernel; ++y) {
         for (int x = 0; x < kernel; ++x) {
-          add_weighted(source, in, *weight++, y - padding, x - padding, convolution.stride, &target, out);
+          add_weighted(source, in, *weight++, y * step - padding, x * step - padding, convolution.stride,
+                       &target, out);
         }
       }
     }

@@ -30,16 +30,18 @@ struct FeaturePlanes {
   }
 };
 
-// A square convolution; the padding is (kernel - 1) / 2 on each side. Weights are out, in, row, column.
+// A square convolution; the padding is dilation * (kernel - 1) / 2 on each side, so that the size of a map depends
+// on the stride alone. Weights are out, in, row, column.
 struct Convolution {
   int in_channels = 0;
   int out_channels = 0;
   int kernel = 1;
   int stride = 1;
   std::vector<float> weights;
-  std::vector<float> bias;
+  std::vector<float> bias;  // may be empty: none
+  int dilation = 1;
 
-  int padding() const { return (kernel - 1) / 2; }
+  int padding() const { return dilation * (kernel - 1) / 2; }
   std::size_t weights_per_output() const {
     return static_cast<std::size_t>(in_channels) * static_cast<std::size_t>(kernel) *
            static_cast<std::size_t>(kernel);

@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "onnx_model_builder.h"
+#include "trunk_graph.h"
 #include "trunk_network.h"
 
 namespace ostrel::backbone {
@@ -43,78 +44,6 @@ bool check_map_sides(const TrunkOptions& options, std::string* error) {
   return true;
 }
 
-// Adds the trunk to a model, node by node.
-class TrunkGraph {
- public:
-  explicit TrunkGraph(OnnxModelBuilder* model) : model_(*model) {}
-
-  std::string normalisation(const TrunkNetwork& network, const std::string& source) {
-    std::vector<float> mean;
-    std::vector<float> scale;
-    for (std::size_t i = 0; i < 3; ++i) {
-      mean.push_back(static_cast<float>(network.mean[i]));
-      scale.push_back(static_cast<float>(1.0 / network.deviation[i]));
-    }
-    model_.constant("input_mean", {1, 3, 1, 1}, mean).constant("input_scale", {1, 3, 1, 1}, scale);
-    model_.node("Sub", {source, "input_mean"}, {"input_centred"});
-    model_.node("Mul", {"input_centred", "input_scale"}, {"input_normalised"});
-    return "input_normalised";
-  }
-
-  std::string stem(const TrunkNetwork& network, const std::string& source) {
-    const std::string rectified = relu(convolution("stem", network.stem, source), "stem_relu");
-    NodeAttributes attributes;
-    attributes.lists = window(kPoolKernel, kPoolStride);
-    model_.node("MaxPool", {rectified}, {"stem_pool"}, attributes);
-    return "stem_pool";
-  }
-
-  // The last block's output carries the stage's name.
-  std::string stage(const Stage& stage, std::string source) {
-    for (std::size_t i = 0; i < stage.blocks.size(); ++i) {
-      const bool last = i + 1 == stage.blocks.size();
-      const std::string name = stage.name + "_" + std::to_string(i);
-      source = block(stage.blocks[i], name, last ? stage.name : name + "_relu", source);
-    }
-    return source;
-  }
-
- private:
-  static std::map<std::string, std::vector<std::int64_t>> window(int kernel, int stride) {
-    const std::int64_t padding = (kernel - 1) / 2;
-    return {{"kernel_shape", {kernel, kernel}},
-            {"strides", {stride, stride}},
-            {"pads", {padding, padding, padding, padding}}};
-  }
-
-  std::string convolution(const std::string& name, const Convolution& layer, const std::string& source) {
-    model_.constant(name + "_weights", {layer.out_channels, layer.in_channels, layer.kernel, layer.kernel},
-                    layer.weights);
-    model_.constant(name + "_bias", {layer.out_channels}, layer.bias);
-    NodeAttributes attributes;
-    attributes.lists = window(layer.kernel, layer.stride);
-    model_.node("Conv", {source, name + "_weights", name + "_bias"}, {name}, attributes);
-    return name;
-  }
-
-  std::string relu(const std::string& source, const std::string& name) {
-    model_.node("Relu", {source}, {name});
-    return name;
-  }
-
-  std::string block(const ResidualBlock& block, const std::string& name, const std::string& output,
-                    const std::string& source) {
-    const std::string inner = relu(convolution(name + "_first", block.first, source), name + "_inner");
-    const std::string second = convolution(name + "_second", block.second, inner);
-    const std::string shortcut =
-        block.has_shortcut ? convolution(name + "_shortcut", block.shortcut, source) : source;
-    model_.node("Add", {second, shortcut}, {name + "_sum"});
-    return relu(name + "_sum", output);
-  }
-
-  OnnxModelBuilder& model_;
-};
-
 void add_outputs(const TrunkOptions& options, const TrunkNetwork& network, std::int64_t batch,
                  OnnxModelBuilder* model) {
   for (std::size_t i = 0; i < network.stages.size(); ++i) {
@@ -137,7 +66,7 @@ void build(const TrunkOptions& options, OnnxModelBuilder* model) {
     source = graph.stage(stage, source);
   }
   add_outputs(options, network, batch, model);
-  if (options.precision == Precision::kBfloat16) model->metadata("precision", "bfloat16");
+  mark_precision(options.precision, model);
 }
 
 }  // namespace

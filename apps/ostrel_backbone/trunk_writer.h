@@ -12,10 +12,11 @@
 #include <cstdint>
 #include <string>
 
+#include "trunk_graph.h"
+
 namespace ostrel::backbone {
 
 enum class TrunkOutputs { kLayer2, kLayer3, kBoth };
-enum class Precision { kFloat32, kBfloat16 };
 
 constexpr int kFullInputSize = 192;
 constexpr int kTinyInputSize = 32;
