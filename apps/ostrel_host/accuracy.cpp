@@ -1,9 +1,11 @@
 #include "accuracy.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <numeric>
 
 #include "bad_input.h"
 #include "region.h"
@@ -11,15 +13,51 @@
 namespace ostrel_host {
 namespace {
 
+bool is_blank(const std::string& line) {
+  return line.find_first_not_of(" \t\r,;") == std::string::npos;
+}
+
+bool is_absent(std::string line) {
+  std::transform(line.begin(), line.end(), line.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return is_blank(line) || line.find("nan") != std::string::npos;
+}
+
+cv::Rect2d parse_box(const std::string& line, std::size_t number, const std::string& file) {
+  try {
+    return is_absent(line) ? cv::Rect2d() : parse_numbers(line);
+  } catch (const BadInput&) {
+    throw BadInput("line " + std::to_string(number) + " of '" + file + "' is no box: x,y,w,h is needed");
+  }
+}
+
+// Counts of frames per threshold.
+struct Tally {
+  std::size_t frames = 0;
+  std::size_t above_half = 0;
+  std::array<std::size_t, kSuccessThresholds> success{};
+  std::array<std::size_t, kPrecisionLimits> precision{};
+
+  void add(const cv::Rect2d& box, const cv::Rect2d& truth) {
+    ++frames;
+    if (!has_size(box)) return;
+    const double shared = overlap(box, truth);
+    const double distance_px = centre_distance_px(box, truth);
+    if (shared > 0.5) ++above_half;
+    for (std::size_t i = 0; i < success.size(); ++i) {
+      if (shared > static_cast<double>(i) / (kSuccessThresholds - 1)) ++success[i];
+    }
+    for (std::size_t i = 0; i < precision.size(); ++i) {
+      if (distance_px <= static_cast<double>(i)) ++precision[i];
+    }
+  }
+};
+
+}  // namespace
+
 bool has_size(const cv::Rect2d& box) {
   return box.width > 0.0 && box.height > 0.0;
 }
-
-bool is_absent(const std::string& line) {
-  return line.find("nan") != std::string::npos || line.find("NaN") != std::string::npos;
-}
-
-}  // namespace
 
 double overlap(const cv::Rect2d& a, const cv::Rect2d& b) {
   if (!has_size(a) || !has_size(b)) return 0.0;
@@ -35,23 +73,22 @@ double centre_distance_px(const cv::Rect2d& a, const cv::Rect2d& b) {
 }
 
 AccuracyReport score_boxes(const std::vector<cv::Rect2d>& boxes, const std::vector<cv::Rect2d>& truth) {
-  AccuracyReport report;
-  std::size_t near = 0, good = 0, passes = 0;
+  Tally tally;
   for (std::size_t i = 0; i < std::min(boxes.size(), truth.size()); ++i) {
-    if (!has_size(truth[i])) continue;
-    ++report.frames;
-    const double shared = overlap(boxes[i], truth[i]);
-    for (int step = 0; step < kSuccessThresholds; ++step) {
-      if (shared > static_cast<double>(step) / (kSuccessThresholds - 1)) ++passes;
-    }
-    if (shared > 0.5) ++good;
-    if (centre_distance_px(boxes[i], truth[i]) <= kPrecisionLimit_px) ++near;
+    if (has_size(truth[i])) tally.add(boxes[i], truth[i]);
   }
-  if (report.frames == 0) return report;
-  const double frames = static_cast<double>(report.frames);
-  report.success_auc = static_cast<double>(passes) / (kSuccessThresholds * frames);
-  report.precision_20px = static_cast<double>(near) / frames;
-  report.above_half = static_cast<double>(good) / frames;
+  AccuracyReport report;
+  report.frames = tally.frames;
+  if (tally.frames == 0) return report;
+  const auto share = [&](std::size_t count) {
+    return static_cast<double>(count) / static_cast<double>(tally.frames);
+  };
+  std::transform(tally.success.begin(), tally.success.end(), report.success.begin(), share);
+  std::transform(tally.precision.begin(), tally.precision.end(), report.precision.begin(), share);
+  const auto passes = std::accumulate(tally.success.begin(), tally.success.end(), std::size_t{0});
+  report.success_auc = share(passes) / kSuccessThresholds;
+  report.precision_20px = report.precision[kPrecisionLimit_px];
+  report.above_half = share(tally.above_half);
   return report;
 }
 
@@ -59,10 +96,12 @@ std::vector<cv::Rect2d> read_boxes(const std::string& file) {
   std::ifstream stream(file);
   if (!stream) throw BadInput("the boxes '" + file + "' cannot be read");
   std::vector<cv::Rect2d> boxes;
+  std::size_t until_last = 0;
   for (std::string line; std::getline(stream, line);) {
-    if (line.empty() || line == "\r") continue;
-    boxes.push_back(is_absent(line) ? cv::Rect2d() : parse_numbers(line));
+    boxes.push_back(parse_box(line, boxes.size() + 1, file));
+    if (!is_blank(line)) until_last = boxes.size();
   }
+  boxes.resize(until_last);
   if (boxes.empty()) throw BadInput("the file '" + file + "' holds no boxes");
   return boxes;
 }

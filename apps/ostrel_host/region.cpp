@@ -11,8 +11,20 @@
 namespace ostrel_host {
 namespace {
 
+bool is_blank(char c) {
+  return c == ' ' || c == '\t';
+}
+
 bool is_separator(char c) {
-  return c == ',' || c == ' ' || c == '\t' || c == ';';
+  return c == ',' || c == ';' || is_blank(c);
+}
+
+// Blanks, among them one comma or semicolon at most; false where there is neither.
+bool skip_separator(const char** cursor) {
+  const char* const start = *cursor;
+  while (is_blank(**cursor)) ++*cursor;
+  if (**cursor == ',' || **cursor == ';') ++*cursor;
+  return *cursor != start;
 }
 
 // Reads one finite number and moves behind it; false where there is none.
@@ -26,10 +38,7 @@ bool read_number(const char** cursor, double* value) {
 
 bool read_four(const char* cursor, double (&values)[4]) {
   for (int i = 0; i < 4; ++i) {
-    if (i > 0) {
-      if (!is_separator(*cursor)) return false;
-      ++cursor;
-    }
+    if (i > 0 && !skip_separator(&cursor)) return false;
     if (!read_number(&cursor, &values[i])) return false;
   }
   while (is_separator(*cursor) || *cursor == '\r') ++cursor;

@@ -50,6 +50,32 @@ TEST(Score, LeavesOutFramesWithoutATargetAndTheLongerRest) {
   EXPECT_EQ(score_boxes({}, truth).success_auc, 0.0);
 }
 
+TEST(Score, CountsAFrameWithoutABoxAsAMissWhereverTheTargetIs) {
+  const Boxes truth{{0, 0, 10, 10}, {100, 100, 10, 10}};
+  const AccuracyReport report = score_boxes({{}, {100, 100, 10, 10}}, truth);
+  EXPECT_EQ(report.frames, 2u);
+  EXPECT_EQ(report.precision_20px, 0.5) << "no box is not near the picture's corner";
+  EXPECT_EQ(report.above_half, 0.5);
+  EXPECT_DOUBLE_EQ(report.success_auc, 10.0 / 21.0);
+}
+
+TEST(Score, LeavesOutATruthOfNegativeSize) {
+  EXPECT_EQ(score_boxes({{0, 0, 10, 10}, {0, 0, 10, 10}}, {{0, 0, -1, 10}, {-1, -1, -1, -1}}).frames, 0u);
+}
+
+TEST(Score, HasACurvePerFigure) {
+  const Boxes truth(2, {100, 100, 10, 10});
+  // Half of the first; the second lies 30 px away.
+  const AccuracyReport report = score_boxes({{100, 100, 10, 5}, {130, 100, 10, 10}}, truth);
+  EXPECT_EQ(report.success[0], 0.5);
+  EXPECT_EQ(report.success[9], 0.5);
+  EXPECT_EQ(report.success[10], 0.0) << "0.5 is not above 0.5";
+  EXPECT_EQ(report.precision[2], 0.0);
+  EXPECT_EQ(report.precision[3], 0.5) << "2.5 px";
+  EXPECT_EQ(report.precision[29], 0.5);
+  EXPECT_EQ(report.precision[30], 1.0);
+}
+
 // The plain double loop over random boxes.
 TEST(Score, AgreesWithTheDefinitionOnRandomBoxes) {
   cv::RNG random(5);
@@ -81,20 +107,51 @@ TEST(Score, AgreesWithTheDefinitionOnRandomBoxes) {
   EXPECT_GT(auc, 0.1);
 }
 
-TEST(BoxFile, ReadsBoxesAndAbsentTargets) {
+TEST(BoxFile, ReadsEveryLineAsABoxOrNone) {
+  const struct {
+    const char* reason;
+    const char* line;
+    cv::Rect2d box;
+  } rows[] = {
+      {"commas", "1,2,3,4", {1, 2, 3, 4}},
+      {"commas and blanks", "1, 2 , 3 ,4", {1, 2, 3, 4}},
+      {"tabs", "1\t2\t3\t4", {1, 2, 3, 4}},
+      {"blanks in a row", "  1   2  3 4  ", {1, 2, 3, 4}},
+      {"another system's end of line", "1,2,3,4\r", {1, 2, 3, 4}},
+      {"fractions", "5.5,-6.25,7,8e1", {5.5, -6.25, 7, 80}},
+      {"zeros stand for no target", "0,0,0,0", {}},
+      {"so do words for no number", "NaN,NaN,NaN,NaN", {}},
+      {"in any case", "nan NAN nan nan", {}},
+      {"and an empty line", "", {}},
+      {"or a blank one", " \t\r", {}},
+  };
   const ostrel_test::TemporaryFolder folder;
-  const Boxes boxes = read_boxes(folder.file("boxes.txt", "1,2,3,4\nNaN,NaN,NaN,NaN\n5.5\t6\t7\t8\r\n\n"));
-  ASSERT_EQ(boxes.size(), 3u);
-  EXPECT_EQ(boxes[0], cv::Rect2d(1, 2, 3, 4));
-  EXPECT_EQ(boxes[1].width, 0.0);
-  EXPECT_EQ(boxes[2], cv::Rect2d(5.5, 6, 7, 8));
+  for (const auto& row : rows) {
+    const Boxes boxes = read_boxes(folder.file("boxes.txt", std::string(row.line) + "\n9,9,9,9\n"));
+    ASSERT_EQ(boxes.size(), 2u) << row.reason;
+    EXPECT_EQ(boxes[0], row.box) << row.reason;
+  }
+}
+
+TEST(BoxFile, EndsWithItsLastLineThatIsNotEmpty) {
+  const ostrel_test::TemporaryFolder folder;
+  EXPECT_EQ(read_boxes(folder.file("boxes.txt", "1,2,3,4\n\n5,6,7,8\r\n\r\n\n")).size(), 3u);
+  EXPECT_EQ(read_boxes(folder.file("open.txt", "1,2,3,4\n5,6,7,8")).size(), 2u);
 }
 
 TEST(BoxFile, RefusesWhatIsNoListOfBoxes) {
   const ostrel_test::TemporaryFolder folder;
   EXPECT_THROW(read_boxes(folder.path("missing.txt")), BadInput);
   EXPECT_THROW(read_boxes(folder.file("empty.txt", "\n")), BadInput);
-  EXPECT_THROW(read_boxes(folder.file("words.txt", "1,2,3,4\nhello\n")), BadInput);
+  for (const char* line : {"hello", "1,2,3", "1,2,3,4,5", "1,,2,3", "1,2,3,inf", "1;2;3;4;x"}) {
+    const std::string file = folder.file("bad.txt", std::string("1,2,3,4\n") + line + "\n");
+    try {
+      read_boxes(file);
+      ADD_FAILURE() << line;
+    } catch (const BadInput& failure) {
+      EXPECT_EQ(failure.what(), "line 2 of '" + file + "' is no box: x,y,w,h is needed");
+    }
+  }
 }
 
 }  // namespace
