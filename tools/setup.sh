@@ -3,7 +3,7 @@
 
 ostrel_packages=(
   cmake g++ ninja-build ccache
-  libopencv-dev libssl-dev
+  libopencv-dev libopencv-contrib-dev libssl-dev
   libclass-loader-dev libconsole-bridge-dev librcutils-dev librcpputils-dev
   libdnnl-dev libonnx-dev libprotobuf-dev protobuf-compiler
   libcli11-dev nlohmann-json3-dev gnuplot-nox

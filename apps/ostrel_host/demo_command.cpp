@@ -5,7 +5,6 @@
 #include <cmath>
 #include <cstdio>
 #include <memory>
-#include <thread>
 
 #include "bad_input.h"
 #include "demo_camera.h"
@@ -16,6 +15,7 @@
 #include "follow_controller.h"
 #include "interrupt.h"
 #include "loaded_plugin.h"
+#include "pacer.h"
 #include "plugin_configuration.h"
 #include "plugin_session.h"
 #include "progress.h"
@@ -87,9 +87,11 @@ class DemoRun {
   }
 
   void run() {
+    // The simulated clock never runs ahead of the real one: a start-up takes its time, and a camera has a rate.
+    const Pacer pacer(kDemoFrameRate);
     start_ = Clock::now();
     for (std::size_t index = 0; index < expected_frames_ && !interrupted(); ++index) {
-      pace(index);
+      pacer.wait_for(index);
       const DemoCamera::Shot shot = camera_.film(index);
       if (index == 0) begin(shot);
       follow(index, shot);
@@ -101,12 +103,6 @@ class DemoRun {
 
  private:
   std::FILE* terminal() const { return tracker_log_ == nullptr ? stderr : tracker_log_->terminal(); }
-
-  // The simulated clock never runs ahead of the real one: a start-up takes its time, and a camera has a rate.
-  void pace(std::size_t index) const {
-    const std::chrono::duration<double> due(static_cast<double>(index) / kDemoFrameRate);
-    std::this_thread::sleep_until(start_ + std::chrono::duration_cast<Clock::duration>(due));
-  }
 
   void begin(const DemoCamera::Shot& shot) {
     region_ = start_region(shot.truth, options_.size_px);

@@ -8,6 +8,7 @@
 #include "accuracy.h"
 #include "bad_input.h"
 #include "demo_command.h"
+#include "eval_command.h"
 #include "region.h"
 #include "render_command.h"
 #include "schema_command.h"
@@ -22,6 +23,7 @@ constexpr int kExitFailure = 1;
 struct Commands {
   TrackOptions track;
   DemoOptions demo;
+  EvalOptions eval;
   RenderOptions render;
   SchemaOptions schema;
   std::string size;
@@ -72,6 +74,32 @@ CLI::App* declare_demo(CLI::App* app, Commands* commands) {
   return demo;
 }
 
+// Each takes one value: what stands behind it may be a folder.
+CLI::Option* add_list(CLI::App* app, const char* name, std::vector<std::string>* values, const char* what) {
+  return app->add_option(name, *values, what)->take_all()->allow_extra_args(false);
+}
+
+CLI::App* declare_eval(CLI::App* app, EvalOptions* options) {
+  CLI::App* eval = app->add_subcommand("eval", "Judge the tracker on sequences with true boxes");
+  eval->add_option("folders", options->folders,
+                   "Sequences (img and groundtruth_rect.txt), or folders of them")
+      ->required();
+  add_list(eval, "--engine", &options->trackers.engines, "A backbone, FILE or NAME=FILE; may be repeated");
+  eval->add_option("--config", options->trackers.config_file, "A JSON file for the plug-in's setConfig");
+  add_list(eval, "--variant", &options->trackers.variants,
+           "NAME=FILE, such a file as a row of its own; NAME= are the defaults; may be repeated");
+  add_list(eval, "--set", &options->trackers.settings, "One setting on top: path=value; may be repeated");
+  eval->add_option("--peer", options->trackers.peers, "OpenCV's trackers beside it: csrt,kcf,mosse,mil");
+  eval->add_option("--runs", options->runs, "Runs of everything (default 1)")->check(CLI::Range(1, 1000));
+  eval->add_option("--fps", options->frame_rate, "Pace the plug-in's frames (default 10)")
+      ->check(rate_problem);
+  eval->add_option("--frames", options->frames, "The first so many frames of each sequence")
+      ->check(CLI::Range(1, 1 << 30));
+  eval->add_option("--out", options->out, "Folder for the results (default out)");
+  eval->add_option("--plugin", options->plugin, "The plug-in (default ../lib/libostrel_plugin.so)");
+  return eval;
+}
+
 CLI::App* declare_render(CLI::App* app, Commands* commands) {
   CLI::App* render = app->add_subcommand("render", "Write a rendered clip with its ground truth");
   auto& scene = commands->render.scene;
@@ -117,11 +145,13 @@ int run(CLI::App* app, int argc, char** argv) {
   Commands commands;
   CLI::App* track = declare_track(app, &commands.track);
   CLI::App* demo = declare_demo(app, &commands);
+  const CLI::App* eval = declare_eval(app, &commands.eval);
   CLI::App* render = declare_render(app, &commands);
   const CLI::App* schema = declare_schema(app, &commands.schema);
   declare_score(app, &commands);
   app->parse(argc, argv);
   if (track->parsed()) return run_track(commands.track);
+  if (eval->parsed()) return run_eval(commands.eval);
   if (schema->parsed()) return run_schema(commands.schema);
   if (!demo->parsed() && !render->parsed()) return run_score(commands.boxes, commands.truth);
   if (!commands.size.empty()) set_size(parse_size(commands.size), &commands);

@@ -55,6 +55,13 @@ void write_table(const std::filesystem::path& file, const PlotTable& table) {
   if (!stream) throw std::runtime_error("'" + file.string() + "' cannot be written");
 }
 
+void write_script(const std::filesystem::path& file, const std::string& script) {
+  std::ofstream stream(file, std::ios::trunc);
+  stream << script;
+  stream.close();
+  if (!stream) throw std::runtime_error("'" + file.string() + "' cannot be written");
+}
+
 std::string plot_literal(const std::string& text) {
   std::string literal = "'";
   for (const char c : text) {

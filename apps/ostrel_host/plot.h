@@ -17,6 +17,9 @@ struct PlotTable {
 // Tab separated, the names in the first line behind a '#'. Throws std::runtime_error where the file cannot be written.
 void write_table(const std::filesystem::path& file, const PlotTable& table);
 
+// Throws std::runtime_error where the file cannot be written.
+void write_script(const std::filesystem::path& file, const std::string& script);
+
 // A text as a literal of gnuplot's language, which takes no mark-up from it (with "noenhanced").
 std::string plot_literal(const std::string& text);
 

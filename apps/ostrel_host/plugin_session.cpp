@@ -91,6 +91,17 @@ bool PluginSession::armed(const PluginState& state) {
   return true;
 }
 
+std::optional<StepResult> PluginSession::step_until_armed(
+    const Frame& frame, const std::function<bool(const StepResult&)>& go_on) {
+  StepResult result = step(frame);
+  while (!armed(result.state)) {
+    if (!go_on(result)) return std::nullopt;
+    std::this_thread::sleep_for(kPollInterval);
+    result = step(frame);
+  }
+  return result;
+}
+
 StepResult PluginSession::settle() {
   StepResult result = step({});
   while (!armed(result.state) && result.state.phase == "warming_up") {

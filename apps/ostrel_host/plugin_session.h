@@ -3,6 +3,7 @@
 
 #include <IAlgoPlugin.h>
 
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -40,6 +41,11 @@ class PluginSession {
 
   // Calls `update` with the frame, or with no picture where the frame has no image.
   StepResult step(const Frame& frame);
+
+  // Calls `update` with the frame until tracking is armed, and returns the answer that arms: the frame's own. `go_on`
+  // gets each answer before that one and ends the wait by false; then there is none. Throws as armed() does.
+  std::optional<StepResult> step_until_armed(const Frame& frame,
+                                             const std::function<bool(const StepResult&)>& go_on);
 
   // Calls `update` without a picture until no start-up runs any more. For the end of a clip.
   StepResult settle();

@@ -1,5 +1,5 @@
 // Progress on the terminal, on standard error: a bar that is redrawn where that is a terminal, else a line whenever the
-// status word changes.
+// status word, or the task, changes.
 #pragma once
 
 #include <chrono>
@@ -15,6 +15,9 @@ namespace ostrel_host {
 std::string progress_line(std::size_t done, std::size_t total, double frames_per_second,
                           const StepResult& result);
 
+// "[=====>    ] 1200/4800  3:05 left  Coke, csrt, run 1 of 3"; nothing of the time where it is below 0: not known.
+std::string job_line(std::size_t done, std::size_t total, double left_s, const std::string& task);
+
 class Progress {
  public:
   // Whether a change of the status word is told where there is no terminal for a bar.
@@ -28,20 +31,22 @@ class Progress {
 
   void waiting(const StepResult& result);
   void frame(std::size_t done, double frames_per_second, const StepResult& result);
+  // A job of several tasks, such as an evaluation; where there is no terminal for a bar, each new task is told.
+  void job(std::size_t done, double left_s, const std::string& task);
   // Wipes the bar, so that a line of other output can take its place; the next frame draws it again.
   void clear();
   // Ends the line that the bar stands on, so that what follows has its own.
   void finish();
 
  private:
-  void show(const std::string& line, const StepResult& result);
+  void show(const std::string& line, const std::string& word);
 
   std::size_t total_;
   Words words_;
   std::FILE* terminal_;
   bool interactive_;
   bool line_open_ = false;
-  std::string last_status_;
+  std::string last_word_;
   std::chrono::steady_clock::time_point last_drawn_{};
 };
 

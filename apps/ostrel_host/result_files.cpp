@@ -33,19 +33,26 @@ nlohmann::ordered_json jsonl_line(std::size_t frame, const StepResult& result) {
   return line;
 }
 
-std::string box_line(const StepResult& result) {
-  const cv::Rect2d box = result.state.own_box();
+std::string box_line(const cv::Rect2d& box) {
   char text[96];
   std::snprintf(text, sizeof text, "%.6g,%.6g,%.6g,%.6g", box.x, box.y, box.width, box.height);
   return text;
 }
 
-ResultFiles::ResultFiles(const std::filesystem::path& folder) : folder_(folder) {
+std::string printed(const nlohmann::ordered_json& object, int indent) {
+  return object.dump(indent, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+void make_result_folder(const std::filesystem::path& folder) {
   std::error_code problem;
   std::filesystem::create_directories(folder, problem);
   if (!std::filesystem::is_directory(folder)) {
     throw BadInput("the folder '" + folder.string() + "' cannot be made");
   }
+}
+
+ResultFiles::ResultFiles(const std::filesystem::path& folder) : folder_(folder) {
+  make_result_folder(folder);
   jsonl_ = opened(folder / "boxes.jsonl");
   boxes_ = opened(folder / "boxes.txt");
 }
@@ -54,16 +61,15 @@ void ResultFiles::write_frame(std::size_t frame, const StepResult& result,
                               const nlohmann::ordered_json& more) {
   nlohmann::ordered_json line = jsonl_line(frame, result);
   for (const auto& [key, value] : more.items()) line[key] = value;
-  // Words of a plug-in may hold any bytes; what is no UTF-8 is replaced.
-  jsonl_ << line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
-  boxes_ << box_line(result) << '\n';
+  jsonl_ << printed(line) << '\n';
+  boxes_ << box_line(result.state.own_box()) << '\n';
 }
 
 void ResultFiles::write_summary(const nlohmann::ordered_json& summary) {
   jsonl_.flush();
   boxes_.flush();
   std::ofstream stream = opened(folder_ / "summary.json");
-  stream << summary.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+  stream << printed(summary, 2) << '\n';
   stream.flush();
   if (!jsonl_ || !boxes_ || !stream) {
     throw std::runtime_error("the results in '" + folder_.string() + "' could not be written");

@@ -13,8 +13,14 @@ namespace ostrel_host {
 // update_ms.
 nlohmann::ordered_json jsonl_line(std::size_t frame, const StepResult& result);
 
-// A line of boxes.txt: the tracker's own box as x,y,w,h, six significant digits.
-std::string box_line(const StepResult& result);
+// A box as a line x,y,w,h, six significant digits. boxes.txt holds the tracker's own.
+std::string box_line(const cv::Rect2d& box);
+
+// JSON as text, on one line or indented. Words of a plug-in may hold any bytes; what is no UTF-8 is replaced.
+std::string printed(const nlohmann::ordered_json& object, int indent = -1);
+
+// Makes the folder and those above it where they are not there. Throws BadInput where that fails.
+void make_result_folder(const std::filesystem::path& folder);
 
 class ResultFiles {
  public:

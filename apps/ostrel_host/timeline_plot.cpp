@@ -2,11 +2,9 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <fstream>
 #include <functional>
 #include <limits>
 #include <sstream>
-#include <stdexcept>
 
 #include "demo_statistics.h"
 
@@ -239,10 +237,7 @@ std::string draw_timeline(const std::filesystem::path& folder, const std::vector
                           const std::vector<ostrel_scene::WorldEvent>& events) {
   if (frames.empty()) return "no frames";
   write_table(folder / "timeline.tsv", timeline_table(frames));
-  std::ofstream script(folder / "timeline.gp", std::ios::trunc);
-  script << timeline_script(frames, events);
-  script.close();
-  if (!script) throw std::runtime_error("'" + (folder / "timeline.gp").string() + "' cannot be written");
+  write_script(folder / "timeline.gp", timeline_script(frames, events));
   return draw_plot(folder, "timeline.gp");
 }
 

@@ -3,7 +3,6 @@
 #include <chrono>
 #include <cstdio>
 #include <optional>
-#include <thread>
 
 #include "accuracy.h"
 #include "annotated_video.h"
@@ -12,6 +11,7 @@
 #include "frame_source.h"
 #include "interrupt.h"
 #include "loaded_plugin.h"
+#include "pacer.h"
 #include "plugin_configuration.h"
 #include "plugin_session.h"
 #include "progress.h"
@@ -25,7 +25,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using nlohmann::json;
 
-constexpr std::chrono::milliseconds kWaitInterval{2};
 constexpr double kDefaultVideoRate = 25.0;
 
 double seconds_since(Clock::time_point start) {
@@ -88,37 +87,27 @@ class TrackRun {
 
   // The answer that arms belongs to the first frame and is kept for it.
   void wait_until_armed(const Frame& first) {
-    while (!interrupted()) {
-      StepResult result = session_.step(first);
-      if (note_armed(result)) {
-        first_answer_ = std::move(result);
-        return;
-      }
+    first_answer_ = session_.step_until_armed(first, [this](const StepResult& result) {
       statistics_.add_waiting_call(result);
       progress_.waiting(result);
-      std::this_thread::sleep_for(kWaitInterval);
-    }
+      return !interrupted();
+    });
+    if (first_answer_) note_armed(*first_answer_);
   }
 
   void track_all(Frame first) {
-    const Clock::time_point loop_start = Clock::now();
+    const Pacer pacer(options_.frame_rate);
     std::optional<Frame> frame = std::move(first);
     for (std::size_t index = 0; frame && !interrupted(); ++index) {
-      pace(loop_start, index);
-      track_one(index, *frame, loop_start);
+      pacer.wait_for(index);
+      track_one(index, *frame, pacer);
       if (options_.frames != 0 && index + 1 == options_.frames) break;
       frame = source_.next();
     }
-    statistics_.set_wall_s(seconds_since(loop_start));
+    statistics_.set_wall_s(pacer.elapsed_s());
   }
 
-  void pace(Clock::time_point loop_start, std::size_t index) const {
-    if (options_.frame_rate <= 0.0) return;
-    const std::chrono::duration<double> due(static_cast<double>(index) / options_.frame_rate);
-    std::this_thread::sleep_until(loop_start + std::chrono::duration_cast<Clock::duration>(due));
-  }
-
-  void track_one(std::size_t index, const Frame& frame, Clock::time_point loop_start) {
+  void track_one(std::size_t index, const Frame& frame, const Pacer& pacer) {
     const StepResult result = first_answer_ ? std::move(*first_answer_) : session_.step(frame);
     first_answer_.reset();
     statistics_.add_frame(result, note_armed(result));
@@ -126,7 +115,7 @@ class TrackRun {
     if (video_) video_->write(index, result, frame.image);
     own_boxes_.push_back(result.state.own_box());
     last_state_ = result.state;
-    progress_.frame(index + 1, static_cast<double>(index + 1) / seconds_since(loop_start), result);
+    progress_.frame(index + 1, static_cast<double>(index + 1) / pacer.elapsed_s(), result);
   }
 
   // A clip can end while the start-up still runs: its outcome is worth knowing.
