@@ -116,6 +116,9 @@ const SourceConstant& GraphWalk::weights(const SourceNode& node, std::size_t inp
   if (found == graph_.constants.end()) {
     refuse(where, node_text(node) + " reads the weights \"" + name + "\", which the model does not hold");
   }
+  if (found->second.elsewhere) {
+    refuse(where, "\"" + name + "\" lies in another file; save the model with its weights inside");
+  }
   if (!found->second.other_type.empty() || found->second.reals.empty()) {
     const std::string type = found->second.other_type.empty() ? "no floats" : found->second.other_type;
     refuse(where, "\"" + name + "\" holds " + type + "; weights must be 32-bit floats");

@@ -47,21 +47,29 @@ void declare_feature(CLI::App* import, ImportCommand* command) {
           "stage: the stage of that stride; dilated: layer3 kept at stride 8; joined: layer2 with layer3 "
           "brought to its size (needs --neck)")
       ->transform(CLI::CheckedTransformer(kFeatures));
+}
+
+void declare_neck(CLI::App* import, ImportCommand* command) {
+  CLI::Option* neck = import->add_option("--neck", command->neck.channels,
+                                         "Channels of a 1 x 1 neck that decorrelates and scales");
+  neck->check(CLI::Range(1, 512));
   import
-      ->add_option("--neck", command->neck.channels, "Channels of a 1 x 1 neck that decorrelates and scales")
-      ->check(CLI::Range(1, 512));
-  import->add_option("--pictures", command->pictures,
-                     "Folder that the neck is measured on (default: made scenes)");
+      ->add_option("--pictures", command->pictures,
+                   "Folder that the neck is measured on (default: made scenes)")
+      ->needs(neck);
   import->add_option("--crops", command->crops, "Crops that the neck is measured on (default 64)")
-      ->check(CLI::Range(kSmallestCropCount, kLargestCropCount));
+      ->check(CLI::Range(kSmallestCropCount, kLargestCropCount))
+      ->needs(neck);
   import
       ->add_option("--whitening", command->neck.whitening,
                    "0: directions keep their spread; 1: alike (default 1)")
-      ->check(CLI::Range(0.0, 1.0));
+      ->check(CLI::Range(0.0, 1.0))
+      ->needs(neck);
   import
       ->add_option("--shrink", command->neck.shrink,
                    "Share of the mean variance added to each before the division (default 0.1)")
-      ->check(CLI::Range(0.0, 10.0));
+      ->check(CLI::Range(0.0, 10.0))
+      ->needs(neck);
 }
 
 void declare_model(CLI::App* import, ImportCommand* command) {
@@ -93,12 +101,13 @@ CLI::App* declare_import(CLI::App* app, ImportCommand* command) {
   CLI::App* import = app->add_subcommand("import", "Make the tracker's trunk from a ResNet-18 (ONNX)");
   declare_source(import, command);
   declare_feature(import, command);
+  declare_neck(import, command);
   declare_model(import, command);
   import->parse_complete_callback([import, command] {
     command->input.normalisation_given = import->count("--mean") + import->count("--deviation") > 0;
-  });
-  return import;
-}
+});
+return import;
+}  // namespace ostrel::backbone
 
 void run_import(const ImportCommand& command) {
   const std::string bytes = read_model_file(command.source_file);

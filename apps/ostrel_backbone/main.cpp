@@ -6,6 +6,9 @@
 #include <string>
 
 #include "import_command.h"
+#include "model_error.h"
+#include "model_file.h"
+#include "model_report.h"
 #include "precision_names.h"
 #include "trunk_writer.h"
 
@@ -21,7 +24,7 @@ struct RandomCommand {
   std::string file;
 };
 
-void declare_random(CLI::App* app, RandomCommand* command) {
+CLI::App* declare_random(CLI::App* app, RandomCommand* command) {
   static const std::map<std::string, TrunkOutputs> kOutputs{
       {"layer2", TrunkOutputs::kLayer2}, {"layer3", TrunkOutputs::kLayer3}, {"both", TrunkOutputs::kBoth}};
   CLI::App* random = app->add_subcommand("random", "Write the trunk of ResNet-18 with random weights");
@@ -39,13 +42,23 @@ void declare_random(CLI::App* app, RandomCommand* command) {
       ->add_option("--precision", command->options.precision,
                    "float32, bfloat16 or float16 inside (default float32)")
       ->transform(CLI::CheckedTransformer(ostrel::backbone::precision_names()));
+  return random;
 }
 
-int write_random(const RandomCommand& command) {
+void write_random(const RandomCommand& command) {
   std::string error;
-  if (ostrel::backbone::write_trunk(command.options, command.file, &error)) return 0;
-  std::cerr << "ostrel_backbone: " << error << '\n';
-  return kBadInput;
+  if (!ostrel::backbone::write_trunk(command.options, command.file, &error)) {
+    throw ostrel::backbone::ModelError(error);
+  }
+}
+
+void inspect(const std::string& file) {
+  const std::string bytes = ostrel::backbone::read_model_file(file);
+  try {
+    std::cout << report_text(ostrel::backbone::report_model(bytes));
+  } catch (const ostrel::backbone::ModelError& failure) {
+    throw ostrel::backbone::ModelError(file + ": " + failure.what());
+  }
 }
 
 }  // namespace
@@ -53,14 +66,17 @@ int write_random(const RandomCommand& command) {
 int main(int argc, char** argv) {
   CLI::App app{"Makes backbones for the tracker", "ostrel_backbone"};
   app.require_subcommand(1);
-  RandomCommand command;
-  declare_random(&app, &command);
-  ostrel::backbone::ImportCommand import_command;
-  const CLI::App* import = ostrel::backbone::declare_import(&app, &import_command);
+  RandomCommand random;
+  ostrel::backbone::ImportCommand import;
+  std::string inspected;
+  declare_random(&app, &random)->final_callback([&random] { write_random(random); });
+  declare_import(&app, &import)->final_callback([&import] { run_import(import); });
+  CLI::App* inspection =
+      app.add_subcommand("inspect", "Tell what a model is and whether the tracker takes it");
+  inspection->add_option("file", inspected, "An ONNX file")->required();
+  inspection->final_callback([&inspected] { inspect(inspected); });
   try {
     app.parse(argc, argv);
-    if (!import->parsed()) return write_random(command);
-    ostrel::backbone::run_import(import_command);
     return 0;
   } catch (const CLI::ParseError& failure) {
     if (failure.get_exit_code() == 0) return app.exit(failure);

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -10,12 +11,13 @@
 namespace ostrel::backbone {
 
 std::string read_model_file(const std::string& path) {
-  errno = 0;
   std::ifstream file(path, std::ios::binary);
-  std::string bytes{std::istreambuf_iterator<char>(file), {}};
-  if (!file.is_open() || errno == EISDIR)
+  // A folder opens, but cannot be read from.
+  if (file.is_open() && std::filesystem::is_directory(path)) errno = EISDIR;
+  if (!file.is_open() || std::filesystem::is_directory(path)) {
     throw ModelError("cannot read " + path + ": " + std::strerror(errno));
-  return bytes;
+  }
+  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 }  // namespace ostrel::backbone

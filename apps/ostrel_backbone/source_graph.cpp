@@ -40,12 +40,11 @@ std::vector<Value> values_of(const std::string& name, const Shape& shape, const 
 }
 
 SourceConstant read_tensor(const std::string& name, const onnx::TensorProto& tensor) {
-  if (tensor.data_location() == onnx::TensorProto::EXTERNAL || tensor.external_data_size() > 0) {
-    throw ModelError("constant \"" + name +
-                     "\" lies in another file; save the model with its weights inside");
-  }
   SourceConstant constant;
   constant.shape.assign(tensor.dims().begin(), tensor.dims().end());
+  constant.elsewhere =
+      tensor.data_location() == onnx::TensorProto::EXTERNAL || tensor.external_data_size() > 0;
+  if (constant.elsewhere) return constant;
   if (tensor.data_type() == onnx::TensorProto::FLOAT) {
     constant.reals = values_of<float>(name, constant.shape, tensor.raw_data(), tensor.float_data());
   } else if (tensor.data_type() == onnx::TensorProto::INT64) {
@@ -88,14 +87,12 @@ bool standard(const std::string& domain) {
   return domain.empty() || domain == "ai.onnx";
 }
 
-void check_opset(const onnx::ModelProto& model) {
+// 0 where the model names none.
+std::int64_t standard_opset(const onnx::ModelProto& model) {
   for (const auto& opset : model.opset_import()) {
-    if (!standard(opset.domain())) continue;
-    if (opset.version() >= kOldestSourceOpset && opset.version() <= kNewestSourceOpset) return;
-    throw ModelError("operator set " + std::to_string(opset.version()) + " is outside " +
-                     std::to_string(kOldestSourceOpset) + " to " + std::to_string(kNewestSourceOpset));
+    if (standard(opset.domain())) return opset.version();
   }
-  throw ModelError("the model names no operator set");
+  return 0;
 }
 
 class SourceReader {
@@ -156,17 +153,16 @@ class SourceReader {
     const std::string label =
         proto.name().empty() && proto.output_size() > 0 ? proto.output(0) : proto.name();
     if (proto.output_size() == 0) throw ModelError("node \"" + label + "\" has no output");
-    if (!standard(proto.domain())) {
-      throw ModelError("unknown operation \"" + proto.domain() + "." + proto.op_type() + "\" (node \"" +
-                       label + "\")");
-    }
-    if (proto.op_type() == "Constant") return read_constant_node(proto);
-    if (proto.op_type() == "Identity" || proto.op_type() == "Dropout") {
+    const bool ours = standard(proto.domain());
+    const std::string operation = ours ? proto.op_type() : proto.domain() + "." + proto.op_type();
+    ++graph_.operations[operation];
+    if (operation == "Constant") return read_constant_node(proto);
+    if (operation == "Identity" || operation == "Dropout") {
       if (proto.input_size() == 0) throw ModelError("node \"" + label + "\" has no input");
       same_as_[proto.output(0)] = resolved(proto.input(0));
       return;
     }
-    SourceNode node{proto.op_type(), label, {}, {}, read_attributes(proto)};
+    SourceNode node{operation, label, {}, {}, read_attributes(proto)};
     for (const std::string& name : proto.input()) node.inputs.push_back(resolved(name));
     for (const std::string& name : proto.output()) node.outputs.push_back(name);
     graph_.nodes.push_back(std::move(node));
@@ -185,8 +181,11 @@ SourceGraph read_source_graph(const std::string& bytes) {
       model.graph().node_size() == 0) {
     throw ModelError("no ONNX model");
   }
-  check_opset(model);
-  return SourceReader(model.graph()).read();
+  SourceGraph graph = SourceReader(model.graph()).read();
+  graph.opset = standard_opset(model);
+  graph.producer = model.producer_name();
+  for (const auto& entry : model.metadata_props()) graph.metadata[entry.key()] = entry.value();
+  return graph;
 }
 
 std::string shape_text(const Shape& shape) {

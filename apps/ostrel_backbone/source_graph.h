@@ -11,19 +11,17 @@
 
 namespace ostrel::backbone {
 
-constexpr std::int64_t kOldestSourceOpset = 9;
-constexpr std::int64_t kNewestSourceOpset = 17;
-
 // A tensor that the model holds: 32-bit floats, whole numbers of 64 bits, or of a type whose values are not read.
 struct SourceConstant {
   Shape shape;
   std::vector<float> reals;
   std::vector<std::int64_t> integers;
   std::string other_type;  // "FLOAT16"; empty where the values were read
+  bool elsewhere = false;  // in another file; no values then
 };
 
 struct SourceNode {
-  std::string operation;
+  std::string operation;             // "domain.name" for one of another domain
   std::string name;                  // of the node, or of its first output where it has none
   std::vector<std::string> inputs;   // empty where an optional one is left out
   std::vector<std::string> outputs;  // the first one is what counts; training outputs may follow
@@ -41,10 +39,14 @@ struct SourceGraph {
   std::map<std::string, SourceConstant> constants;
   std::vector<SourcePort> inputs;  // without those that carry a constant's name
   std::vector<SourcePort> outputs;
+  std::int64_t opset = 0;  // of the standard operators; 0 where none is named
+  std::string producer;
+  std::map<std::string, std::string> metadata;
+  std::map<std::string, int>
+      operations;  // how often each occurs, those that are left out of `nodes` included
 };
 
-// Throws ModelError for bytes that are no ONNX model, an operator set outside 9 to 17, operators of another
-// domain, and tensors that lie in another file or have a wrong amount of data.
+// Throws ModelError for bytes that are no ONNX model, and for tensors with a wrong amount of data.
 SourceGraph read_source_graph(const std::string& bytes);
 
 // "[1, 3, ?, ?]"

@@ -45,6 +45,7 @@ class TrunkMatcher {
       : graph_(graph), input_(input), walk_(graph) {}
 
   TrunkNetwork match() {
+    check_opset();
     value_ = picture_input();
     match_normalisation();
     match_stem();
@@ -57,6 +58,13 @@ class TrunkMatcher {
   }
 
  private:
+  void check_opset() const {
+    if (graph_.opset == 0) throw ModelError("the model names no operator set");
+    if (graph_.opset >= kOldestSourceOpset && graph_.opset <= kNewestSourceOpset) return;
+    throw ModelError("operator set " + std::to_string(graph_.opset) + " is outside " +
+                     std::to_string(kOldestSourceOpset) + " to " + std::to_string(kNewestSourceOpset));
+  }
+
   const std::string& picture_input() const {
     if (graph_.inputs.empty()) throw ModelError("the model has no input");
     for (const SourcePort& port : graph_.inputs) refuse_weights_as_input(port.name);
@@ -100,17 +108,22 @@ class TrunkMatcher {
     check_normalisation(own);
   }
 
+  // Numbers for the other range of pictures put the mean far outside, or blow everything up.
   void check_normalisation(bool own) const {
+    double largest = 0.0;
+    bool inside = true;
     for (std::size_t i = 0; i < 3; ++i) {
       const double mean = network_.mean[i];
-      const double deviation = network_.deviation[i];
-      const double largest = std::max(std::abs(mean), std::abs(kByteRange - mean)) / std::abs(deviation);
-      if (std::isfinite(largest) && largest <= kLargestNormalised) continue;
-      if (input_.range > 0.0 && std::isfinite(largest)) continue;  // it was said, so it is meant
-      throw ModelError(std::string(own ? "the model's own normalisation" : "the mean and the deviation") +
-                       " would give values up to " + std::to_string(std::lround(std::min(largest, 1e6))) +
-                       ": say with --input-range whether they are for pictures of 0 to 1 or of 0 to 255");
+      const double reach = std::max(std::abs(mean), std::abs(kByteRange - mean));
+      largest = std::max(largest, reach / std::abs(network_.deviation[i]));
+      inside = inside && mean >= -kByteRange && mean <= 2.0 * kByteRange;
     }
+    if (!std::isfinite(largest)) refuse("the input", "its normalisation divides by zero");
+    if (input_.range > 0.0 || (inside && largest <= kLargestNormalised)) return;
+    throw ModelError(
+        std::string(own ? "the model's own normalisation does" : "the mean and the deviation do") +
+        " not fit pictures of 0 to " + (own ? "255" : "1") +
+        ": say with --input-range which values they are for");
   }
 
   void match_stem() {

@@ -7,6 +7,9 @@
 
 namespace ostrel::backbone {
 
+constexpr std::int64_t kOldestSourceOpset = 9;
+constexpr std::int64_t kNewestSourceOpset = 17;
+
 // How the source network wants its input.
 struct SourceInput {
   std::array<double, 3> mean{0.485, 0.456, 0.406};  // red, green, blue; of ImageNet
@@ -20,7 +23,8 @@ struct SourceInput {
 // The trunk with every normalisation folded, for planes red, green, blue of values 0 to 255; the normalisation of
 // the picture stays in front (`mean`, `deviation`), since zeros are padded behind it. Its stages are layer1, layer2
 // and layer3, as far as the model goes. A normalisation that the model itself begins with takes the place of
-// `input`'s. Throws ModelError for a graph that is no ResNet-18, with the place that differs.
+// `input`'s. Throws ModelError for an operator set outside 9 to 17 and for a
+// graph that is no ResNet-18, with the place that differs.
 TrunkNetwork match_trunk(const SourceGraph& graph, const SourceInput& input);
 
 }  // namespace ostrel::backbone

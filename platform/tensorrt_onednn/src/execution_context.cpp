@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <array>
 
+#include <onnx_graph/shape_inference.h>
 #include "log.h"
-#include "shape_inference.h"
 
 namespace ostrel::tensorrt_onednn {
 namespace {

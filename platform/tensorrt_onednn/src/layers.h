@@ -1,7 +1,7 @@
 // What is run: the graph's nodes, joined where one pass can do the work of several.
 #pragma once
 
-#include "graph.h"
+#include "graph_names.h"
 
 namespace ostrel::tensorrt_onednn {
 

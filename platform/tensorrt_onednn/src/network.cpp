@@ -1,8 +1,8 @@
 #include "network.h"
 
-#include "graph_simplifier.h"
-#include "onnx_reader.h"
-#include "shape_inference.h"
+#include <onnx_graph/graph_simplifier.h>
+#include <onnx_graph/onnx_reader.h>
+#include <onnx_graph/shape_inference.h>
 
 namespace ostrel::tensorrt_onednn {
 namespace {
@@ -36,7 +36,7 @@ void load_network(const void* bytes, std::size_t size, Network* network) {
   simplify(&network->graph, infer_sizes(network->graph, inputs));
   check_identity_outputs(network->graph);
   network->sizes = infer_sizes(network->graph, inputs);
-  network->bfloat16 = network->graph.wants_bfloat16 && processor_has_bfloat16();
+  network->bfloat16 = network->graph.precision == Precision::kBfloat16 && processor_has_bfloat16();
 }
 
 }  // namespace ostrel::tensorrt_onednn

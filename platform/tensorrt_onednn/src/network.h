@@ -1,7 +1,7 @@
 // What an engine holds; shared by its contexts and by work on its way.
 #pragma once
 
-#include "graph.h"
+#include "graph_names.h"
 #include "packed_weights.h"
 
 namespace ostrel::tensorrt_onednn {

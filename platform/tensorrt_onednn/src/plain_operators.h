@@ -1,7 +1,7 @@
 // Operators on plain row-major 32-bit floats, for what oneDNN has no general form of.
 #pragma once
 
-#include "graph.h"
+#include "graph_names.h"
 
 namespace ostrel::tensorrt_onednn {
 

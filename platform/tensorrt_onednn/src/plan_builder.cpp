@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "shape_inference.h"
+#include <onnx_graph/shape_inference.h>
 #include "thread_limit.h"
 
 namespace ostrel::tensorrt_onednn {

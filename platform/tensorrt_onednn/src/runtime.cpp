@@ -25,16 +25,24 @@ class Runtime final : public nvinfer1::IRuntime {
     return guarded<nvinfer1::ICudaEngine*>(logger_, kCall, nullptr, [&] {
       const auto network = std::make_shared<Network>();
       load_network(blob, size, network.get());
-      if (network->graph.wants_bfloat16 && !network->bfloat16) {
-        logger_.log(nvinfer1::ILogger::Severity::kWARNING,
-                    "deserializeCudaEngine: the model asks for bfloat16, which this processor lacks; float32 "
-                    "is used");
-      }
+      warn_of_float32(*network);
       return new CudaEngine(logger_, network, engines_);
     });
   }
 
  private:
+  void warn_of_float32(const Network& network) {
+    const Precision asked = network.graph.precision;
+    if (asked == Precision::kFloat16) {
+      logger_.log(nvinfer1::ILogger::Severity::kWARNING,
+                  "deserializeCudaEngine: the model asks for float16, which is for GPUs; float32 is used");
+    } else if (asked == Precision::kBfloat16 && !network.bfloat16) {
+      logger_.log(nvinfer1::ILogger::Severity::kWARNING,
+                  "deserializeCudaEngine: the model asks for bfloat16, which this processor lacks; float32 "
+                  "is used");
+    }
+  }
+
   nvinfer1::ILogger& logger_;
   std::shared_ptr<std::atomic<int>> engines_ = std::make_shared<std::atomic<int>>(0);
 };

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -64,6 +65,8 @@ TEST(BackboneProgram, EndsBadInputWithOneLineAndCodeTwo) {
     const char* text;
   };
   const std::string out = " --out " + ::testing::TempDir() + "bad.onnx";
+  const std::string source = ::testing::TempDir() + "bad_source.onnx";
+  ASSERT_EQ(run_program("random --seed 1 --out " + source).code, 0);
   const Case cases[] = {
       {"no command", "", "subcommand"},
       {"an unknown command", "train", "subcommand"},
@@ -75,6 +78,33 @@ TEST(BackboneProgram, EndsBadInputWithOneLineAndCodeTwo) {
       {"a size out of range", "random --seed 1 --input-size 8" + out, "--input-size"},
       {"an unknown output", "random --seed 1 --outputs layer4" + out, "--outputs"},
       {"no batch", "random --seed 1 --batch 0" + out, "--batch"},
+      {"no source", "import" + out, "--onnx"},
+      {"a source that is not there", "import --onnx /nowhere/x.onnx" + out,
+       "cannot read /nowhere/x.onnx: No such file or directory"},
+      {"a folder as source", "import --onnx /tmp" + out, "cannot read /tmp: Is a directory"},
+      {"a source that is no model", "import --onnx " OSTREL_BACKBONE_PROGRAM + out, ": no ONNX model"},
+      {"an odd stride", "import --onnx " + source + " --stride 4" + out, "--stride"},
+      {"an unknown feature", "import --onnx " + source + " --feature best" + out, "--feature"},
+      {"joined without a neck", "import --onnx " + source + " --feature joined" + out,
+       "joined features need a neck"},
+      {"dilated at stride 16", "import --onnx " + source + " --feature dilated --stride 16" + out,
+       "dilated and joined features have stride 8, not 16"},
+      {"an output with odd sides", "import --onnx " + source + " --stride 16 --input-size 200" + out,
+       "odd map sides"},
+      {"two numbers for a mean", "import --onnx " + source + " --mean 0.5,0.5" + out, "--mean"},
+      {"a deviation of zero", "import --onnx " + source + " --deviation 0,1,1" + out, "--deviation"},
+      {"a mean for a model that has one", "import --onnx " + source + " --mean 0.5,0.5,0.5" + out,
+       "the model normalises its input itself"},
+      {"an unknown order", "import --onnx " + source + " --input-order gbr" + out, "--input-order"},
+      {"an unknown range", "import --onnx " + source + " --input-range 100" + out, "--input-range"},
+      {"a neck wider than the features", "import --onnx " + source + " --neck 129 --crops 1" + out,
+       "a neck of 129 channels does not fit 128 features"},
+      {"pictures that are not there", "import --onnx " + source + " --neck 8 --pictures /nowhere" + out,
+       "cannot read the folder /nowhere: No such file or directory"},
+      {"settings of a neck without a neck", "import --onnx " + source + " --crops 8" + out, "--neck"},
+      {"no file to inspect", "inspect", "file"},
+      {"a file to inspect that is not there", "inspect /nowhere/x.onnx", "cannot read /nowhere/x.onnx"},
+      {"no model to inspect", "inspect " OSTREL_BACKBONE_PROGRAM, ": no ONNX model"},
       {"a folder that is not there", "random --seed 1 --tiny --out /nowhere/x.onnx", "cannot write"}};
   for (const Case& test : cases) {
     SCOPED_TRACE(test.reason);
@@ -86,12 +116,63 @@ TEST(BackboneProgram, EndsBadInputWithOneLineAndCodeTwo) {
   }
 }
 
+// The trunk of a random network serves as a source: its weights come back as they were.
+TEST(BackboneProgram, ImportsWhatItWrote) {
+  const std::string source = ::testing::TempDir() + "import_source.onnx";
+  const std::string target = ::testing::TempDir() + "import_target.onnx";
+  ASSERT_EQ(run_program("random --seed 3 --out " + source).code, 0);
+  const Ended ended = run_program("import --onnx " + source + " --stride 16 --out " + target);
+  EXPECT_EQ(ended.code, 0) << ended.output;
+  EXPECT_EQ(ended.output, "");
+  TrunkOptions options;
+  options.seed = 3;
+  options.outputs = TrunkOutputs::kLayer3;
+  EXPECT_EQ(contents(target), trunk_bytes(options));
+  const Ended told = run_program("inspect " + target);
+  EXPECT_EQ(told.code, 0) << told.output;
+  EXPECT_THAT(told.output, HasSubstr("verdict      the tracker takes it: features from \"layer3\""));
+}
+
+TEST(BackboneProgram, TellsOfTheNeckThatItMade) {
+  const std::string source = ::testing::TempDir() + "neck_source.onnx";
+  const std::string target = ::testing::TempDir() + "neck_target.onnx";
+  ASSERT_EQ(run_program("random --seed 3 --out " + source).code, 0);
+  const Ended ended =
+      run_program("import --onnx " + source + " --feature joined --neck 8 --crops 24 --input-size 64" +
+                  " --batch 3 --precision float16 --out " + target);
+  EXPECT_EQ(ended.code, 0) << ended.output;
+  EXPECT_THAT(ended.output, StartsWith("neck: 8 of 384 directions, "));
+  EXPECT_THAT(ended.output, HasSubstr(" % of the variance, from 1536 cells\n"));
+  const Ended told = run_program("inspect " + target);
+  EXPECT_THAT(told.output, HasSubstr("input        input [3, 3, 64, 64]\n"));
+  EXPECT_THAT(told.output, HasSubstr("output       features [3, 8, 8, 8], "));
+  EXPECT_THAT(told.output, HasSubstr("precision    float16\n"));
+  EXPECT_THAT(told.output, HasSubstr("Resize 1"));
+}
+
+TEST(BackboneProgram, LeavesNothingBehindWhenItFails) {
+  const std::string folder = ::testing::TempDir() + "left_behind";
+  std::filesystem::remove_all(folder);
+  std::filesystem::create_directories(folder + "/taken.onnx");  // a folder where the file should go
+  EXPECT_EQ(run_program("random --seed 1 --tiny --out " + folder + "/taken.onnx").code, 2);
+  EXPECT_EQ(run_program("import --onnx " OSTREL_BACKBONE_PROGRAM " --out " + folder + "/x.onnx").code, 2);
+  const auto entries = std::filesystem::directory_iterator(folder);
+  EXPECT_EQ(std::distance(begin(entries), end(entries)), 1);
+}
+
 TEST(BackboneProgram, ExplainsItself) {
   const Ended ended = run_program("random --help");
   EXPECT_EQ(ended.code, 0);
   for (const char* option :
        {"--seed", "--out", "--tiny", "--outputs", "--batch", "--input-size", "--precision"}) {
     EXPECT_THAT(ended.output, HasSubstr(option));
+  }
+  const Ended import = run_program("import --help");
+  EXPECT_EQ(import.code, 0);
+  for (const char* option : {"--onnx", "--out", "--mean", "--deviation", "--input-order", "--input-range",
+                             "--stride", "--feature", "--neck", "--pictures", "--crops", "--whitening",
+                             "--shrink", "--batch", "--input-size", "--precision"}) {
+    EXPECT_THAT(import.output, HasSubstr(option));
   }
 }
 

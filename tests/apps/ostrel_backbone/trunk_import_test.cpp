@@ -2,10 +2,12 @@
 #include <calibration.h>
 #include <feature_trunk.h>
 #include <gmock/gmock.h>
-#include <model_error.h>
+#include <model_report.h>
 #include <trunk_match.h>
 
+#include <algorithm>
 #include <cmath>
+#include <map>
 
 #include "apps/ostrel_backbone/exported_resnet.h"
 #include "platform/tensorrt_onednn/engine_fixture.h"
@@ -52,6 +54,13 @@ const std::vector<FeaturePlanes>& source_stages() {
   return kStages;
 }
 
+void expect_features(const FeatureTrunk& trunk, const FeaturePlanes& expected,
+                     const FeaturePlanes& shown = picture()) {
+  const auto found = run_model(model_bytes(trunk), {tensor_of(shown)});
+  ASSERT_EQ(found.size(), 1U);
+  expect_near(found[0], tensor_of(expected), kFloatTolerance);
+}
+
 std::vector<Dialect> dialects() {
   std::vector<Dialect> all(10);
   all[0].reason = "batch normalisation as nodes, a head, a named batch";
@@ -90,11 +99,98 @@ TEST(TrunkImport, GivesTheSourcesFeaturesInEveryDialectUpToTheBorder) {
   for (const Dialect& dialect : dialects()) {
     SCOPED_TRACE(dialect.reason);
     const std::string bytes = export_resnet(resnet18(), dialect);
-    for (const int stride : {8, 16}) {
-      const auto found = run_model(model_bytes(import(bytes, stride)), {tensor_of(picture())});
-      ASSERT_EQ(found.size(), 1U);
-      expect_near(found[0], tensor_of(source_stages()[stride == 8 ? 1 : 2]), kFloatTolerance);
-    }
+    expect_features(import(bytes, 16), source_stages()[2]);
+  }
+}
+
+TEST(TrunkImport, CutsBehindTheStageOfTheStride) {
+  const std::string bytes = export_resnet(resnet18(), {});
+  EXPECT_GT(root_mean_square(source_stages()[1]), 0.1);  // there is something to compare
+  expect_features(import(bytes, 8), source_stages()[1]);
+  OnnxModelBuilder model("cut");
+  write_feature_model(import(bytes, 8), {}, &model);
+  const LoadedEngine loaded(model.bytes());
+  ASSERT_EQ(loaded.engine->getNbIOTensors(), 2);
+  EXPECT_EQ(shape_of(loaded.engine->getTensorShape("input")), (Shape{-1, 3, 192, 192}));
+  EXPECT_EQ(shape_of(loaded.engine->getTensorShape("layer2")), (Shape{-1, 128, 24, 24}));
+}
+
+// Red and blue change places in the picture that the source network is shown, and in its own numbers.
+TEST(TrunkImport, TakesANetworkThatWantsBlueFirst) {
+  FeaturePlanes exchanged = picture();
+  std::swap_ranges(exchanged.plane(0), exchanged.plane(0) + exchanged.plane_size(), exchanged.plane(2));
+  SourceInput input;
+  input.blue_first = true;
+  Dialect dialect;
+  dialect.stages = 3;
+  // Given numbers are red, green, blue; the network's planes are blue, green, red.
+  const auto given = forward(resnet18(), exchanged, {0.406, 0.456, 0.485}, {0.225, 0.224, 0.229});
+  expect_features(import(export_resnet(resnet18(), dialect), 8, Feature::kStage, input), given[1]);
+  dialect.front = Dialect::Front::kBytes;
+  const auto own = forward(resnet18(), exchanged);
+  expect_features(import(export_resnet(resnet18(), dialect), 8, Feature::kStage, input), own[1]);
+}
+
+TEST(TrunkImport, TakesTheMeanAndTheDeviationThatAreGiven) {
+  SourceInput input;
+  input.normalisation_given = true;
+  input.mean = {0.5, 0.4, 0.3};
+  input.deviation = {0.2, 0.25, 0.3};
+  Dialect dialect;
+  dialect.stages = 3;
+  const std::string bytes = export_resnet(resnet18(), dialect);
+  const auto expected = forward(resnet18(), picture(), input.mean, input.deviation);
+  expect_features(import(bytes, 8, Feature::kStage, input), expected[1]);
+  for (std::size_t i = 0; i < 3; ++i) {
+    input.mean[i] *= 255.0;
+    input.deviation[i] *= 255.0;
+  }
+  input.range = 255.0;
+  expect_features(import(bytes, 8, Feature::kStage, input), expected[1]);
+}
+
+TEST(TrunkImport, TakesANetworkThatNormalisesPicturesOfZeroToOne) {
+  SourceInput input;
+  input.range = 1.0;
+  Dialect dialect;
+  dialect.stages = 3;
+  dialect.front = Dialect::Front::kUnit;
+  expect_features(import(export_resnet(resnet18(), dialect), 8, Feature::kStage, input), source_stages()[1]);
+}
+
+// Were the mean folded into the first convolution, the border would see black where it must see the mean.
+TEST(TrunkImport, PadsBehindTheNormalisation) {
+  FeaturePlanes mean(3, kSide, kSide);
+  const double values[] = {0.485 * 255.0, 0.456 * 255.0, 0.406 * 255.0};
+  for (int plane = 0; plane < 3; ++plane) std::fill_n(mean.plane(plane), mean.plane_size(), values[plane]);
+  const FeatureTrunk trunk = import(export_resnet(resnet18(), {}), 8);
+  FeaturePlanes normalised = mean;
+  std::fill(normalised.values.begin(), normalised.values.end(), 0.0);
+  const FeaturePlanes stem =
+      convolve(normalised, trunk.network.stem);  // zeros inside as outside: all cells alike
+  for (int channel = 0; channel < stem.channels; ++channel) {
+    ASSERT_EQ(stem.plane(channel)[0], stem.plane(channel)[stem.plane_size() / 2 + 16]);
+  }
+  expect_features(trunk, forward(resnet18(), mean)[1], mean);
+}
+
+TEST(TrunkImport, WritesTheBatchTheSizeAndThePrecisionThatAreAskedFor) {
+  const FeatureTrunk trunk = import(export_resnet(resnet18(), {}), 8);
+  backbone::FeatureModelOptions options;
+  options.batch = 2;
+  options.input_size = 96;
+  for (const auto& [precision, text] :
+       std::map<backbone::Precision, std::string>{{backbone::Precision::kFloat32, "float32"},
+                                                  {backbone::Precision::kBfloat16, "bfloat16"},
+                                                  {backbone::Precision::kFloat16, "float16"}}) {
+    options.precision = precision;
+    OnnxModelBuilder model("asked");
+    write_feature_model(trunk, options, &model);
+    const backbone::ModelReport report = backbone::report_model(model.bytes());
+    EXPECT_TRUE(report.taken) << report.verdict;
+    EXPECT_EQ(report.precision, text);
+    EXPECT_EQ(report.inputs.front().shape, (Shape{2, 3, 96, 96}));
+    EXPECT_EQ(report.outputs.front().port.shape, (Shape{2, 128, 12, 12}));
   }
 }
 

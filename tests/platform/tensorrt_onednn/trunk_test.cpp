@@ -105,6 +105,21 @@ TEST(Bfloat16, IsCloseToFloat32AndNotTheSame) {
   }
 }
 
+// A model for a GPU runs here all the same, with a word about it.
+TEST(Float16, RunsInFloat32WithAWarning) {
+  TrunkOptions options = tiny_trunk();
+  const Tensor picture = picture_of(backbone::calibration_picture(32, 5));
+  const auto full = run_model(backbone::trunk_bytes(options), {picture});
+  options.precision = Precision::kFloat16;
+  LoadedEngine loaded(backbone::trunk_bytes(options));
+  const auto warnings = loaded.logger.lines(nvinfer1::ILogger::Severity::kWARNING);
+  ASSERT_EQ(warnings.size(), 1U);
+  EXPECT_EQ(warnings[0],
+            "deserializeCudaEngine: the model asks for float16, which is for GPUs; float32 is used");
+  BoundContext context(loaded.engine.get());
+  expect_near(context.run({picture})[1], full[1], 0.0);
+}
+
 // Arithmetic, resampling and other readers between bfloat16 convolutions.
 TEST(Bfloat16, MixesWithOperatorsInFloat32) {
   OnnxModelBuilder model("mixed");

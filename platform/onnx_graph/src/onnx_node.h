@@ -2,13 +2,12 @@
 #pragma once
 
 #include <onnx/onnx_pb.h>
+#include <onnx_graph/graph.h>
 
-#include "graph.h"
-
-namespace ostrel::tensorrt_onednn {
+namespace ostrel::onnx_graph {
 
 // `inputs` holds the indices of the node's values, -1 for an optional one that is left out. Fills everything but
 // `output`. Throws ModelError for an unsupported operator or attribute.
 Node read_node(const onnx::NodeProto& proto, const std::vector<int>& inputs, const Graph& graph);
 
-}  // namespace ostrel::tensorrt_onednn
+}  // namespace ostrel::onnx_graph

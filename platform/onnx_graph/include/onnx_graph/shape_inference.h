@@ -1,9 +1,9 @@
 // Sizes of every value of a graph from those of its inputs.
 #pragma once
 
-#include "graph.h"
+#include <onnx_graph/graph.h>
 
-namespace ostrel::tensorrt_onednn {
+namespace ostrel::onnx_graph {
 
 // `input_sizes` has the order of graph.inputs; unknown sizes spread. One entry per value is returned. Throws
 // ModelError where sizes contradict each other or an output would have no element.
@@ -16,4 +16,4 @@ Sizes resolved_padding(const Window& window, const Sizes& map_sizes);
 // Rows or columns that the window gives.
 std::int64_t window_output(const Window& window, std::size_t axis, std::int64_t size);
 
-}  // namespace ostrel::tensorrt_onednn
+}  // namespace ostrel::onnx_graph

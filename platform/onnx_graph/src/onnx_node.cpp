@@ -2,7 +2,7 @@
 
 #include <map>
 
-namespace ostrel::tensorrt_onednn {
+namespace ostrel::onnx_graph {
 namespace {
 
 constexpr std::int64_t kLargestWindowValue = 4096;
@@ -264,4 +264,4 @@ Node read_node(const onnx::NodeProto& proto, const std::vector<int>& inputs, con
   return node;
 }
 
-}  // namespace ostrel::tensorrt_onednn
+}  // namespace ostrel::onnx_graph

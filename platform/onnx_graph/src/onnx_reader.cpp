@@ -1,4 +1,4 @@
-#include "onnx_reader.h"
+#include <onnx_graph/onnx_reader.h>
 
 #include <onnx/onnx_pb.h>
 
@@ -8,7 +8,7 @@
 #include "onnx_node.h"
 #include "onnx_tensor.h"
 
-namespace ostrel::tensorrt_onednn {
+namespace ostrel::onnx_graph {
 namespace {
 
 constexpr std::int64_t kOldestOpset = 11;
@@ -137,13 +137,14 @@ class GraphReader {
   std::unordered_map<std::string, int> index_;
 };
 
-bool asks_for_bfloat16(const onnx::ModelProto& model) {
+Precision asked_precision(const onnx::ModelProto& model) {
   for (const auto& entry : model.metadata_props()) {
-    if (entry.key() != "precision") continue;
-    if (entry.value() == "bfloat16") return true;
-    if (entry.value() != "float32") throw ModelError("precision \"" + entry.value() + "\" is not supported");
+    if (entry.key() != "precision" || entry.value() == "float32") continue;
+    if (entry.value() == "bfloat16") return Precision::kBfloat16;
+    if (entry.value() == "float16") return Precision::kFloat16;
+    throw ModelError("precision \"" + entry.value() + "\" is not supported");
   }
-  return false;
+  return Precision::kFloat32;
 }
 
 }  // namespace
@@ -152,8 +153,8 @@ Graph read_onnx(const void* bytes, std::size_t size) {
   const onnx::ModelProto model = parse(bytes, size);
   check_opset(model);
   Graph graph = GraphReader(model.graph()).read();
-  graph.wants_bfloat16 = asks_for_bfloat16(model);
+  graph.precision = asked_precision(model);
   return graph;
 }
 
-}  // namespace ostrel::tensorrt_onednn
+}  // namespace ostrel::onnx_graph

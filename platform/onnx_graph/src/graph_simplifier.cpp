@@ -1,8 +1,8 @@
-#include "graph_simplifier.h"
+#include <onnx_graph/graph_simplifier.h>
 
 #include <cmath>
 
-namespace ostrel::tensorrt_onednn {
+namespace ostrel::onnx_graph {
 namespace {
 
 // y = scale * x + shift, per channel.
@@ -143,4 +143,4 @@ void simplify(Graph* graph, const std::vector<Sizes>& sizes) {
   drop_unread(graph);
 }
 
-}  // namespace ostrel::tensorrt_onednn
+}  // namespace ostrel::onnx_graph

@@ -1,6 +1,6 @@
-#include "graph.h"
+#include <onnx_graph/graph.h>
 
-namespace ostrel::tensorrt_onednn {
+namespace ostrel::onnx_graph {
 
 std::int64_t element_count(const Sizes& sizes) {
   constexpr std::int64_t kLargestCount = std::int64_t{1} << 40;
@@ -32,4 +32,4 @@ std::string to_text(const Sizes& sizes) {
   return text + "]";
 }
 
-}  // namespace ostrel::tensorrt_onednn
+}  // namespace ostrel::onnx_graph

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace ostrel::tensorrt_onednn {
+namespace ostrel::onnx_graph {
 
 // Sizes of a tensor; kUnknown where they are settled when the network runs.
 using Sizes = std::vector<std::int64_t>;
@@ -80,12 +80,15 @@ struct Port {
   int value = -1;
 };
 
+// What the model asks the runtime to calculate in, by its metadata; inputs and outputs are 32-bit floats always.
+enum class Precision { kFloat32, kBfloat16, kFloat16 };
+
 struct Graph {
   std::vector<Value> values;
   std::vector<Node> nodes;
   std::vector<Port> inputs;
   std::vector<Port> outputs;
-  bool wants_bfloat16 = false;
+  Precision precision = Precision::kFloat32;
 };
 
 // Product of the sizes; throws ModelError when one is unknown or the product is beyond any memory.
@@ -97,4 +100,4 @@ std::vector<int> use_counts(const Graph& graph);
 // "[1, 3, ?, ?]"
 std::string to_text(const Sizes& sizes);
 
-}  // namespace ostrel::tensorrt_onednn
+}  // namespace ostrel::onnx_graph

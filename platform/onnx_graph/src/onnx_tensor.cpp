@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-namespace ostrel::tensorrt_onednn {
+namespace ostrel::onnx_graph {
 namespace {
 
 template <typename Element, typename Listed>
@@ -40,4 +40,4 @@ Value read_constant(const std::string& name, const onnx::TensorProto& tensor) {
   return value;
 }
 
-}  // namespace ostrel::tensorrt_onednn
+}  // namespace ostrel::onnx_graph

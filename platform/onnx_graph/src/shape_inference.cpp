@@ -1,9 +1,9 @@
-#include "shape_inference.h"
+#include <onnx_graph/shape_inference.h>
 
 #include <algorithm>
 #include <cmath>
 
-namespace ostrel::tensorrt_onednn {
+namespace ostrel::onnx_graph {
 namespace {
 
 [[noreturn]] void refuse(const Node& node, const std::string& reason) {
@@ -156,4 +156,4 @@ std::vector<Sizes> infer_sizes(const Graph& graph, const std::vector<Sizes>& inp
   return known;
 }
 
-}  // namespace ostrel::tensorrt_onednn
+}  // namespace ostrel::onnx_graph
