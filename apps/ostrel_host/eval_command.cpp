@@ -114,11 +114,11 @@ class Evaluation {
     for (const EvalTracker& tracker : trackers) left_.add_work(tracker.name, frames_of(tracker));
   }
 
-  // A tracker that cannot start ends the evaluation, but not before the report on those before it.
+  // What ends the evaluation, such as a tracker that cannot start, does so behind the report on the passes before it.
   int run() {
     try {
       run_all();
-    } catch (const BadInput&) {
+    } catch (const std::exception&) {
       progress_.clear();
       if (!records_.empty()) report();
       throw;

@@ -1,6 +1,7 @@
 #include "one_pass.h"
 
 #include <chrono>
+#include <utility>
 
 #include "frame_source.h"
 #include "pacer.h"
@@ -41,12 +42,19 @@ cv::Rect box_inside(const Sequence& sequence) {
   return cv::Rect(start.x, start.y, start.w, start.h) & cv::Rect({}, sequence.frame_size_px);
 }
 
+// The next frame; one without pixels where the pictures are gone since they were checked.
+Frame next_frame(FrameSource& source) {
+  std::optional<Frame> frame = source.next();
+  return frame ? std::move(*frame) : Frame();
+}
+
 // A peer behind a guard: what it throws is a loss.
 class GuardedPeer {
  public:
   explicit GuardedPeer(const std::string& name) : tracker_(make_peer(name)) {}
 
   PassFrame start(const cv::Mat& image, const cv::Rect& box) {
+    if (image.empty() || box.empty()) return {};
     try {
       tracker_->init(image, box);
       started_ = true;
@@ -86,11 +94,11 @@ Pass pass_of_plugin(IAlgoPlugin& plugin, const Sequence& sequence, double frame_
   Pass pass;
   const auto source = open_source(sequence.images());
   PluginSession session(plugin, verbose);
-  std::optional<Frame> frame = source->next();
+  const Frame frame = next_frame(*source);
   const auto start = PassClock::now();
-  session.start(*frame, sequence.start);
-  std::optional<StepResult> first =
-      session.step_until_armed(*frame, [&](const StepResult&) { return go_on(false); });
+  session.start(frame, sequence.start);
+  const std::optional<StepResult> first =
+      session.step_until_armed(frame, [&](const StepResult&) { return go_on(false); });
   if (!first) return pass;
   pass.start_up_ms = ms_since(start);
   note(*first, &pass);
@@ -100,9 +108,9 @@ Pass pass_of_plugin(IAlgoPlugin& plugin, const Sequence& sequence, double frame_
       pass.complete = true;
       break;
     }
-    frame = source->next();
+    const Frame next = next_frame(*source);
     pacer.wait_for(pass.frames.size());
-    note(session.step(frame ? *frame : Frame()), &pass);
+    note(session.step(next), &pass);
   }
   return pass;
 }
@@ -110,19 +118,18 @@ Pass pass_of_plugin(IAlgoPlugin& plugin, const Sequence& sequence, double frame_
 Pass pass_of_peer(const std::string& peer, const Sequence& sequence, unsigned seed, const GoOn& go_on) {
   Pass pass;
   const auto source = open_source(sequence.images());
-  std::optional<Frame> frame = source->next();
+  const Frame frame = next_frame(*source);
   seed_peers(seed);
   GuardedPeer tracker(peer);
   const auto start = PassClock::now();
-  pass.frames.push_back(tracker.start(frame->image, box_inside(sequence)));
+  pass.frames.push_back(tracker.start(frame.image, box_inside(sequence)));
   pass.start_up_ms = ms_since(start);
   while (go_on(true)) {
     if (pass.frames.size() == sequence.frames()) {
       pass.complete = true;
       break;
     }
-    frame = source->next();
-    pass.frames.push_back(tracker.update(frame ? frame->image : cv::Mat()));
+    pass.frames.push_back(tracker.update(next_frame(*source).image));
   }
   return pass;
 }

@@ -7,6 +7,7 @@
 #include <ostrel_host/one_pass.h>
 #include <ostrel_host/render_command.h>
 
+#include <fstream>
 #include <opencv2/imgcodecs.hpp>
 
 #include "apps/ostrel_host/fake_plugin.h"
@@ -174,6 +175,32 @@ TEST_F(OnePass, StartsAPeerOnThePartOfTheBoxInsideThePicture) {
   const Pass pass = pass_of_peer("csrt", clip, 1, kGoOn);
   EXPECT_EQ(pass.frames[0].box, cv::Rect2d(0, 100, 30, 20));
   EXPECT_EQ(pass.frames.size(), 3U);
+}
+
+TEST_F(OnePass, HasNoBoxFromAPeerThatCannotStart) {
+  Sequence clip = sequence(3);
+  std::filesystem::remove(clip.images() + "/00001.png");
+  std::ofstream(clip.images() + "/00001.png") << "no picture";
+  const Pass pass = pass_of_peer("csrt", clip, 1, kGoOn);
+  EXPECT_TRUE(pass.complete);
+  ASSERT_EQ(pass.frames.size(), 3U);
+  for (const PassFrame& frame : pass.frames) {
+    EXPECT_FALSE(has_size(frame.box));
+    EXPECT_FALSE(frame.update_ms);
+  }
+}
+
+TEST_F(OnePass, IsOnePassAlsoWherePicturesAreGoneByThen) {
+  Sequence clip = sequence(4);
+  std::filesystem::remove(clip.images() + "/00004.png");
+  const Pass pass = pass_of_peer("csrt", clip, 1, kGoOn);
+  ASSERT_EQ(pass.frames.size(), 4U);
+  EXPECT_TRUE(has_size(pass.frames[2].box));
+  EXPECT_FALSE(has_size(pass.frames[3].box));
+  ostrel_test::FakePlugin plugin;
+  plugin.phase = "ready";
+  EXPECT_EQ(pass_of_plugin(plugin, clip, 0.0, false, kGoOn).frames.size(), 4U);
+  EXPECT_EQ(plugin.pictures_at_update, (std::vector<std::size_t>{1, 1, 1, 0}));
 }
 
 TEST_F(OnePass, IsBrokenOffBetweenFrames) {

@@ -46,6 +46,34 @@ TEST(PluginSession, HandsAFrameWithoutPixelsOnAsNoPicture) {
   EXPECT_EQ(plugin.pictures_at_update, (std::vector<std::size_t>{1, 0}));
 }
 
+TEST(PluginSession, RepeatsAFrameUntilTrackingIsArmed) {
+  FakePlugin plugin;
+  plugin.phase = "warming_up";
+  plugin.on_update = [](FakePlugin& self) {
+    self.status = "call " + std::to_string(self.pictures_at_update.size());
+    if (self.pictures_at_update.size() == 3) self.phase = "ready";
+  };
+  PluginSession session(plugin, false);
+  session.start(small_frame(), {1, 2, 3, 4});
+  std::vector<std::string> before;
+  const auto first = session.step_until_armed(small_frame(), [&](const StepResult& result) {
+    before.push_back(result.state.status);
+    return true;
+  });
+  ASSERT_TRUE(first);
+  EXPECT_EQ(first->state.status, "call 3");
+  EXPECT_EQ(before, (std::vector<std::string>{"call 1", "call 2"}));
+}
+
+TEST(PluginSession, EndsTheWaitWhenItIsToldTo) {
+  FakePlugin plugin;
+  plugin.phase = "warming_up";
+  PluginSession session(plugin, false);
+  session.start(small_frame(), {1, 2, 3, 4});
+  EXPECT_FALSE(session.step_until_armed(small_frame(), [](const StepResult&) { return false; }));
+  EXPECT_EQ(plugin.pictures_at_update.size(), 1u);
+}
+
 TEST(PluginSession, TellsWhyAStartUpFailedThoughThePropertyHasLostIt) {
   FakePlugin plugin;
   PluginSession session(plugin, false);

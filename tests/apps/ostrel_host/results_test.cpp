@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <ostrel_host/annotated_video.h>
 #include <ostrel_host/bad_input.h>
+#include <ostrel_host/pacer.h>
 #include <ostrel_host/progress.h>
 #include <ostrel_host/result_files.h>
 #include <ostrel_host/run_statistics.h>
@@ -124,6 +125,17 @@ TEST(ProgressLine, ShowsABarOnlyWhereTheEndIsKnown) {
   EXPECT_EQ(progress_line(3, 0, 1.0, skipped()), "3  1.0 fps  update_skip_warming_up");
 }
 
+TEST(JobLine, ShowsHowLongItStillTakes) {
+  EXPECT_EQ(job_line(1200, 2400, 185.2, "Coke, csrt"),
+            "[============>           ] 1200/2400  3:05 left  Coke, csrt");
+  EXPECT_EQ(job_line(0, 2400, -1.0, "Coke, csrt"), "[>                       ] 0/2400  Coke, csrt");
+  EXPECT_EQ(job_line(1, 1, 0.0, "x"), "[========================] 1/1  0:00 left  x");
+  EXPECT_NE(job_line(1, 2, 59.6, "x").find(" 1:00 left"), std::string::npos) << "rounded";
+  EXPECT_NE(job_line(1, 2, 3599.0, "x").find(" 59:59 left"), std::string::npos);
+  EXPECT_NE(job_line(1, 2, 3723.0, "x").find(" 1:02:03 left"), std::string::npos);
+  EXPECT_NE(job_line(0, 0, -1.0, "x").find("0/0"), std::string::npos) << "no work is no division by zero";
+}
+
 TEST(Annotation, DrawsTheBoxInTheColourOfItsState) {
   const auto corner = [](const StepResult& result) {
     cv::Mat image(80, 120, CV_8UC3, cv::Scalar::all(0));
@@ -171,6 +183,29 @@ TEST(TrackerLog, KeepsStandardErrorInItsFileAndGivesItBack) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "for people\nbehind it\n");
   EXPECT_EQ(content_of(folder.path("tracker.log")), "about itself\n");
   EXPECT_THROW(TrackerLog(folder.path("no/tracker.log")), BadInput);
+}
+
+TEST(Progress, TellsEachTaskOfAJobOnceWithoutATerminal) {
+  testing::internal::CaptureStderr();
+  {
+    Progress progress(4);
+    progress.job(0, -1.0, "first");
+    progress.job(1, 9.0, "first");
+    progress.job(2, 6.0, "second");
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            job_line(0, 4, -1.0, "first") + "\n" + job_line(2, 4, 6.0, "second") + "\n");
+}
+
+TEST(Pacer, HoldsFramesBackUntilTheyAreDueAndNoLateOne) {
+  const Pacer pacer(100.0);
+  pacer.wait_for(5);
+  const double waited_s = pacer.elapsed_s();
+  EXPECT_GE(waited_s, 0.05);
+  pacer.wait_for(1);
+  const Pacer free(0.0);
+  free.wait_for(1'000'000);
+  EXPECT_LT(free.elapsed_s(), 5.0);
 }
 
 TEST(Progress, IsSilentWithoutATerminalWhereItsWordsAreToldElsewhere) {
