@@ -129,6 +129,21 @@ TEST_F(ClipToBoxes, TracksWithAConfigurationFileAndSettings) {
   EXPECT_EQ(summary()["configuration"]["processing"]["frame_scale"], 0.5);
 }
 
+TEST_F(ClipToBoxes, JudgesThePluginAnewInEachPass) {
+  const std::string clip = rendered("clip", {320, 200, 6, 1});
+  const Outcome outcome = run("eval " + clip + " --runs 2 --fps 25 --peer mosse --variant plain= --out " +
+                              folder_.path("out") + " --engine " + engine());
+  ASSERT_EQ(outcome.exit_code, 0) << outcome.err;
+  const auto report = nlohmann::json::parse(content_of(folder_.path("out/eval.json")));
+  ASSERT_EQ(report["passes"].size(), 4U);
+  for (const std::size_t pass : {0U, 2U}) {
+    EXPECT_EQ(report["passes"][pass]["tracker"], "plain");
+    EXPECT_EQ(report["passes"][pass]["counted"], 6);
+    EXPECT_GT(report["passes"][pass]["own_above_half"], 0.5);
+    EXPECT_GT(report["passes"][pass]["fps"], 0.0);
+  }
+}
+
 TEST_F(ClipToBoxes, RefusesASettingThatThePluginWouldBend) {
   const std::string clip = rendered("clip.mp4", {128, 96, 4, 1});
   const struct {
