@@ -6,6 +6,7 @@
 #include "crops.h"
 #include "model_error.h"
 #include "model_file.h"
+#include "model_report.h"
 #include "precision_names.h"
 #include "source_graph.h"
 #include "trunk_writer.h"
@@ -123,6 +124,8 @@ void run_import(const ImportCommand& command) {
   if (command.neck.channels > 0) add_neck(command, &trunk);
   OnnxModelBuilder model("ostrel_trunk");
   write_feature_model(trunk, command.model, &model);
+  const ModelReport report = report_model(model.bytes());
+  if (!report.taken) std::cerr << "note: " << report.verdict << '\n';
   std::string error;
   if (!model.save(command.target_file, &error)) throw ModelError(error);
 }

@@ -21,8 +21,24 @@ std::string input_trouble(const ModelReport& report) {
   if (report.inputs.size() != 1)
     return "it has " + std::to_string(report.inputs.size()) + " inputs, one is wanted";
   const Shape& shape = report.inputs.front().shape;
-  if (shape.size() == 4 && (shape[1] == 3 || shape[1] < 0)) return {};
-  return "its input " + shape_text(shape) + " is not batch x 3 x height x width";
+  if (shape.size() != 4 || (shape[1] != 3 && shape[1] >= 0)) {
+    return "its input " + shape_text(shape) + " is not batch x 3 x height x width";
+  }
+  if (shape[0] > 1) {
+    return "its batch is fixed at " + std::to_string(shape[0]) +
+           ", but the start of a run shows it single pictures";
+  }
+  return {};
+}
+
+// The plug-in cuts search regions of one size only.
+std::string size_trouble(const ModelReport& report) {
+  const Shape& shape = report.inputs.front().shape;
+  const auto fits = [](std::int64_t side) { return side < 0 || side == kFullInputSize; };
+  if (fits(shape[2]) && fits(shape[3])) return {};
+  const std::string side = std::to_string(kFullInputSize);
+  return "its pictures are " + std::to_string(shape[2]) + " x " + std::to_string(shape[3]) +
+         ", the tracker's are " + side + " x " + side;
 }
 
 std::string output_trouble(const ModelReport& report) {
@@ -71,6 +87,7 @@ std::string stride_text(const ModelReport& report) {
 void judge(const SourceGraph& graph, ModelReport* report) {
   std::string trouble = report->uncounted.empty() ? input_trouble(*report) : report->uncounted;
   if (trouble.empty()) trouble = output_trouble(*report);
+  if (trouble.empty()) trouble = size_trouble(*report);
   report->taken = trouble.empty();
   if (!report->taken) {
     report->verdict = refusal(trouble + importable(graph));
@@ -79,6 +96,9 @@ void judge(const SourceGraph& graph, ModelReport* report) {
   const ReportedOutput& read = report->outputs.back();
   report->verdict = "the tracker takes it: features from \"" + read.port.name + "\", " +
                     std::to_string(read.port.shape[1]) + " channels" + stride_text(*report);
+  if (report->inputs.front().shape[0] == 1) {
+    report->verdict += "; with its batch of one at one search scale only ([1.0])";
+  }
   if (report->outputs.size() > 1)
     report->verdict += " (\"" + report->outputs.front().port.name + "\" is not read)";
 }

@@ -38,31 +38,31 @@ std::string two_layers(const std::vector<std::string>& outputs, int side, const 
 }
 
 TEST(ModelReport, CountsTheWorkOfEachOutput) {
-  const ModelReport report = report_model(two_layers({"fine", "coarse"}, 32));
-  const double fine = 16.0 * 16 * 4 * 27;
-  const double coarse = 8.0 * 8 * 6 * 4;
+  const ModelReport report = report_model(two_layers({"fine", "coarse"}, 192));
+  const double fine = 96.0 * 96 * 4 * 27;
+  const double coarse = 48.0 * 48 * 6 * 4;
   ASSERT_EQ(report.outputs.size(), 2U);
   EXPECT_EQ(report.outputs[0].multiply_adds, fine);
   EXPECT_EQ(report.outputs[1].multiply_adds, fine + coarse);
   EXPECT_EQ(report.multiply_adds, fine + coarse);
   EXPECT_EQ(report.parameters, 4 * 27 + 6 * 4);
   EXPECT_EQ(report.operations, (std::map<std::string, int>{{"Conv", 2}, {"Relu", 1}}));
-  EXPECT_EQ(report.outputs[1].port.shape, (Shape{-1, 6, 8, 8}));
+  EXPECT_EQ(report.outputs[1].port.shape, (Shape{-1, 6, 48, 48}));
   EXPECT_EQ(report.opset, 13);
   EXPECT_EQ(report.precision, "float32");
 }
 
 TEST(ModelReport, ReadsAsLinesThatAScriptCanCut) {
-  EXPECT_EQ(report_text(report_model(two_layers({"fine", "coarse"}, 32)))
-                .substr(std::string("file         ").size()),
-            std::to_string(two_layers({"fine", "coarse"}, 32).size()) +
+  const std::string bytes = two_layers({"fine", "coarse"}, 192);
+  EXPECT_EQ(report_text(report_model(bytes)),
+            "file         " + std::to_string(bytes.size()) +
                 " bytes, operator set 13, made by ostrel_backbone\n"
-                "input        x [?, 3, 32, 32]\n"
-                "output       fine [?, 4, 16, 16], 0.0 million multiply-adds\n"
-                "output       coarse [?, 6, 8, 8], 0.0 million multiply-adds\n"
+                "input        x [?, 3, 192, 192]\n"
+                "output       fine [?, 4, 96, 96], 1.0 million multiply-adds\n"
+                "output       coarse [?, 6, 48, 48], 1.1 million multiply-adds\n"
                 "operations   Conv 2, Relu 1\n"
                 "parameters   132\n"
-                "work         0.0 million multiply-adds a sample\n"
+                "work         1.1 million multiply-adds a sample\n"
                 "precision    float32\n"
                 "verdict      the tracker takes it: features from \"coarse\", 6 channels, stride 4 (\"fine\" "
                 "is not "
@@ -107,6 +107,9 @@ TEST(ModelReport, SaysWhyTheTrackerWouldNotTakeAModel) {
       {"it has 2 inputs, one is wanted", two_inputs.bytes()},
       {"its input [?, 1, 32, 32] is not batch x 3 x height x width", grey.bytes()},
       {"its input [?, 3, 32] is not batch x 3 x height x width", flat.bytes()},
+      {"its pictures are 32 x 32, the tracker's are 192 x 192", two_layers({"fine", "coarse"}, 32)},
+      {"its batch is fixed at 3, but the start of a run shows it single pictures",
+       two_layers({"fine"}, 192, {3, 3, 192, 192})},
       {"it has 3 outputs, one or two are wanted", two_layers({"fine", "coarse", "third"}, 32)},
       {"its features \"coarse\" [?, 6, 7, 7] have an odd side", two_layers({"fine", "coarse"}, 28)},
       {"its features \"fine\" [?, 4, 15, 15] have an odd side", two_layers({"fine"}, 30)},
@@ -122,9 +125,20 @@ TEST(ModelReport, SaysWhyTheTrackerWouldNotTakeAModel) {
 
 // Only the features that are read must have even sides.
 TEST(ModelReport, LooksAtTheOutputThatIsRead) {
-  EXPECT_TRUE(report_model(two_layers({"fine", "coarse"}, 30)).taken);
-  EXPECT_TRUE(report_model(two_layers({"coarse"}, 32)).taken);
-  EXPECT_TRUE(report_model(two_layers({"fine"}, 32, {-1, 3, -1, -1})).taken);
+  EXPECT_EQ(report_model(two_layers({"fine", "coarse"}, 30)).verdict,
+            "the tracker does not take it: its pictures are 30 x 30, the tracker's are 192 x 192");
+  EXPECT_TRUE(report_model(two_layers({"coarse"}, 192)).taken);
+  EXPECT_TRUE(report_model(two_layers({"fine"}, 192, {-1, 3, -1, -1})).taken);
+}
+
+TEST(ModelReport, TellsWhatABatchOfOneMeans) {
+  TrunkOptions options;
+  options.batch = 1;
+  options.outputs = TrunkOutputs::kLayer2;
+  EXPECT_EQ(
+      report_model(trunk_bytes(options)).verdict,
+      "the tracker takes it: features from \"layer2\", 128 channels, stride 8; with its batch of one at one "
+      "search scale only ([1.0])");
 }
 
 TEST(ModelReport, PointsToTheImportForAWholeResnet) {
