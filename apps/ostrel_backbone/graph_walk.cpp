@@ -23,7 +23,7 @@ std::vector<std::int64_t> list(const SourceNode& node, const std::string& name,
   return found == node.attributes.lists.end() ? fallback : found->second;
 }
 
-bool pads_nothing(const SourceNode& node, int kernel) {
+bool says_its_padding(const SourceNode& node, int kernel) {
   const auto found = node.attributes.texts.find("auto_pad");
   return found == node.attributes.texts.end() || found->second == "NOTSET" || kernel == 1;
 }
@@ -35,7 +35,7 @@ void require_finite(const SourceConstant& constant, const std::string& name, con
   }
 }
 
-// Scale and shift of what a line follows.
+// Folds a line that follows a convolution into it.
 void scale_filters(const ChannelLine& line, Convolution* convolution) {
   const std::size_t per_output = convolution->weights_per_output();
   for (std::size_t out = 0; out < line.scale.size(); ++out) {
@@ -60,7 +60,7 @@ int square_window(const SourceNode& node, const SourceConstant& weights, const s
   if (integer(node, "group", 1) != 1) refuse(where, node_text(node) + " is grouped");
   if (list(node, "dilations", {1, 1}) != Shape{1, 1}) refuse(where, node_text(node) + " is dilated");
   const Shape pads = list(node, "pads", {0, 0, 0, 0});
-  if (!pads_nothing(node, static_cast<int>(kernel)) || pads != Shape(4, padding)) {
+  if (!says_its_padding(node, static_cast<int>(kernel)) || pads != Shape(4, padding)) {
     refuse(where, node_text(node) + " is not padded by " + std::to_string(padding) + " on every side");
   }
   return static_cast<int>(kernel);
@@ -164,7 +164,8 @@ void GraphWalk::apply_normalisation(const SourceNode& node, const std::string& w
 
 bool GraphWalk::apply_arithmetic(const SourceNode& node, const std::string& value, const std::string& where,
                                  ChannelLine* line) const {
-  if (node.inputs.size() != 2) return false;
+  static const std::set<std::string> kArithmetic{"Add", "Sub", "Mul", "Div"};
+  if (kArithmetic.count(node.operation) == 0 || node.inputs.size() != 2) return false;
   const std::size_t other = node.inputs[0] == value ? 1 : 0;
   if (graph_.constants.count(node.inputs[other]) == 0) return false;
   const std::size_t channels = line->scale.size();
@@ -200,9 +201,6 @@ ChannelLine GraphWalk::channel_lines(std::size_t channels, const std::string& wh
     const SourceNode& node = *found.front();
     if (node.operation == "BatchNormalization") {
       apply_normalisation(node, where, &line);
-    } else if (node.operation != "Add" && node.operation != "Sub" && node.operation != "Mul" &&
-               node.operation != "Div") {
-      return line;
     } else if (!apply_arithmetic(node, *value, where, &line)) {
       return line;
     }

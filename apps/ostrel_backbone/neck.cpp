@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <future>
 #include <thread>
 
 #include "model_error.h"
@@ -42,12 +43,13 @@ std::vector<cv::Mat> gather_cells(const FeatureTrunk& trunk, const std::vector<c
       cells[i] = cells_of(plain_features(trunk, planes_of(crops[i])));
     }
   };
-  std::vector<std::thread> threads;
-  const std::size_t count =
-      std::min<std::size_t>(crops.size(), std::max(1U, std::thread::hardware_concurrency()));
-  for (std::size_t i = 1; i < count; ++i) threads.emplace_back(work);
+  std::vector<std::future<void>> helpers;
+  const std::size_t cores = std::max(1U, std::thread::hardware_concurrency());
+  for (std::size_t i = 1; i < std::min(crops.size(), cores); ++i) {
+    helpers.push_back(std::async(std::launch::async, work));
+  }
   work();
-  for (std::thread& thread : threads) thread.join();
+  for (std::future<void>& helper : helpers) helper.get();
   return cells;
 }
 

@@ -9,7 +9,7 @@
 namespace ostrel::backbone {
 namespace {
 
-// A whole number above 2^62 elements cannot be meant.
+// No constant has as many elements.
 constexpr std::int64_t kLargestCount = std::int64_t{1} << 40;
 
 std::int64_t element_count(const std::string& name, const Shape& shape) {

@@ -26,7 +26,7 @@ class Runtime final : public nvinfer1::IRuntime {
       const auto network = std::make_shared<Network>();
       load_network(blob, size, network.get());
       warn_of_float32(*network);
-      return new CudaEngine(logger_, network, engines_);
+      return std::make_unique<CudaEngine>(logger_, network, engines_).release();
     });
   }
 
@@ -56,7 +56,8 @@ IRuntime* createInferRuntime(ILogger& logger) noexcept {
   using namespace ostrel::tensorrt_onednn;
   constexpr const char* kCall = "createInferRuntime";
   if (told_to_fail(logger, kCall)) return nullptr;
-  return guarded<IRuntime*>(logger, kCall, nullptr, [&] { return new Runtime(logger); });
+  return guarded<IRuntime*>(logger, kCall, nullptr,
+                            [&] { return std::make_unique<Runtime>(logger).release(); });
 }
 
 }  // namespace nvinfer1
