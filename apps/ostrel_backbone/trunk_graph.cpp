@@ -40,9 +40,9 @@ std::string TrunkGraph::stem(const TrunkNetwork& network, const std::string& sou
 std::string TrunkGraph::stage(const Stage& stage, std::string source) {
   for (std::size_t i = 0; i < stage.blocks.size(); ++i) {
     const bool last = i + 1 == stage.blocks.size();
-    std::string name = stage.name;
-    name += "_" + std::to_string(i);
-    source = block(stage.blocks[i], name, last ? stage.name : name + "_relu", source);
+    const std::string name = stage.name + "_" + std::to_string(i);
+    const std::string target = last ? stage.name : name + "_relu";
+    source = block(stage.blocks[i], name, target, source);
   }
   return source;
 }
