@@ -161,6 +161,45 @@ TEST(Neck, OnJoinedStagesIsAProjectionOfTheirConcatenation) {
     ASSERT_NEAR(output.values[i], expected.values[i], 1e-9);
 }
 
+// Variance of all channels from `first` to `last` together.
+double total_variance(const FeatureTrunk& made, int first, int last) {
+  double total = 0.0;
+  for (int channel = first; channel < last; ++channel) {
+    double sum = 0.0;
+    double squares = 0.0;
+    double count = 0.0;
+    for (const cv::Mat& crop : crops()) {
+      const FeaturePlanes both = plain_features(made, planes_of(crop));
+      for (std::size_t i = 0; i < both.plane_size(); ++i, ++count) {
+        sum += both.plane(channel)[i];
+        squares += both.plane(channel)[i] * both.plane(channel)[i];
+      }
+    }
+    total += squares / count - sum / count * (sum / count);
+  }
+  return total;
+}
+
+double mean_square(const std::vector<float>& values) {
+  double sum = 0.0;
+  for (const float value : values) sum += static_cast<double>(value) * value;
+  return sum / static_cast<double>(values.size());
+}
+
+// With all directions kept, a turn of the axes and one scale are left: what the stages were multiplied with shows in
+// their weights alone.
+TEST(Neck, BringsJoinedStagesToTheSameVariance) {
+  NeckOptions options = neck(0.0, 0.0);
+  options.channels = kShallow + kDeep;
+  const FeatureTrunk made = with_neck(Feature::kJoined, options);
+  const double shallow = total_variance(made, 0, kShallow);
+  const double deep = total_variance(made, kShallow, kShallow + kDeep);
+  ASSERT_GT(std::abs(std::log(deep / shallow)),
+            0.2);  // they differ, so that there is something to bring about
+  const double ratio = mean_square(made.shallow_neck.weights) / mean_square(made.neck.weights);
+  EXPECT_NEAR(ratio, deep / shallow, kStatisticsTolerance * ratio);
+}
+
 // The deep stage's cell i lies on cell 2 i of the other; between them it goes straight; the last one is repeated.
 TEST(JoinedFeatures, StretchTheDeepStageOverTheShallowOne) {
   const FeaturePlanes picture = backbone::calibration_picture(kSide, 3);
