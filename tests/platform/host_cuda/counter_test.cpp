@@ -2,6 +2,7 @@
 #include <nvtx3/nvToolsExt.h>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/host_cuda/host_cuda_test.h"
@@ -98,11 +99,36 @@ TEST_F(CounterRules, TraceKeepsTheOrderOfCallsAndLaunches) {
   EXPECT_TRUE(stop_trace().empty()) << "nothing is noted any more";
 }
 
-TEST_F(CounterRules, ProfilerMarksCountNothing) {
-  EXPECT_EQ(nvtxRangePushA("range"), 0);
-  nvtxMarkA("mark");
-  EXPECT_EQ(nvtxRangePop(), 0);
+TEST_F(CounterRules, ProfilerRangesCountNothingAndAnswerAsWithoutAProfiler) {
+  EXPECT_EQ(nvtxRangePushA("range"), NVTX_NO_PUSH_POP_TRACKING);
+  EXPECT_EQ(nvtxRangePop(), NVTX_NO_PUSH_POP_TRACKING);
   EXPECT_TRUE(counters().calls.empty());
+}
+
+TEST_F(CounterRules, NotesProfilerRangesOfEveryThreadOnDemand) {
+  nvtxRangePushA("before");
+  start_range_notes();
+  nvtxRangePop();
+  nvtxRangePushA("here");
+  std::thread::id other;
+  std::thread([&other] {
+    other = std::this_thread::get_id();
+    nvtxRangePushA("there");
+  }).join();
+  nvtxRangePop();
+  const std::vector<RangeNote> notes = stop_range_notes();
+  nvtxRangePushA("after");
+  nvtxRangePop();
+
+  ASSERT_EQ(notes.size(), 4U);
+  EXPECT_TRUE(notes[0].is_pop);
+  EXPECT_EQ(notes[0].thread, std::this_thread::get_id());
+  EXPECT_FALSE(notes[1].is_pop);
+  EXPECT_EQ(notes[1].name, "here");
+  EXPECT_EQ(notes[2].name, "there");
+  EXPECT_EQ(notes[2].thread, other);
+  EXPECT_TRUE(notes[3].is_pop);
+  EXPECT_TRUE(stop_range_notes().empty()) << "handed out once";
 }
 
 TEST_F(CounterRules, DeviceQueriesKnowOneDevice) {

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -77,6 +78,21 @@ void start_trace();
 
 // Ends the notes and returns them.
 std::vector<std::string> stop_trace();
+
+// --- Profiler ranges ---
+
+// One push or pop of <nvtx3/nvToolsExt.h>; a pop has no name.
+struct RangeNote {
+  std::thread::id thread;
+  bool is_pop = false;
+  std::string name;
+};
+
+// Notes the pushes and pops of every thread from now on, in the order in which they came.
+void start_range_notes();
+
+// Ends the notes and returns them.
+std::vector<RangeNote> stop_range_notes();
 
 // --- Modes ---
 

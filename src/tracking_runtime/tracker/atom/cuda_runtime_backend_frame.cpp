@@ -8,6 +8,7 @@
 #include "tracking_runtime/tracker/atom/frame_candidate.h"
 #include "tracking_runtime/tracker/atom/frame_decision.h"
 #include "tracking_runtime/tracker/atom/frame_timings.h"
+#include "tracking_runtime/tracker/atom/gpu/profiler_range.h"
 #include "tracking_runtime/tracker/atom/rounding.h"
 
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
@@ -56,6 +57,11 @@ void print_timing_line(int frame_index, const FrameDecision& decision, const Fra
       decision.qualifies ? 1 : 0, flag_name(decision.flag));
 }
 
+FrameDecision decide(TargetState* state, std::vector<Candidate>* candidates, const FramePath& path) {
+  const ProfilerRange range(range_names::kDecide);
+  return decide_frame(state, candidates, path);
+}
+
 cv::Rect_<int> rounded(const base::BBox& box) {
   return {round_to_int(box.x), round_to_int(box.y), std::max(round_to_int(box.width), 1),
           std::max(round_to_int(box.height), 1)};
@@ -66,7 +72,7 @@ cv::Rect_<int> rounded(const base::BBox& box) {
 bool CudaRuntimeBackend::finish_frame_(std::vector<Candidate>* candidates, const FramePath& path,
                                        FrameTimings* timings, base::BBox* bbox, float* score,
                                        std::string* status) {
-  const FrameDecision decision = decide_frame(this, candidates, path);
+  const FrameDecision decision = decide(this, candidates, path);
   if (decision.bbox) {
     *bbox = *decision.bbox;
     *score = decision.score;
@@ -87,6 +93,7 @@ bool CudaRuntimeBackend::finish_frame_(std::vector<Candidate>* candidates, const
 
 void CudaRuntimeBackend::learn_from_frame_(const FrameDecision& decision, const Candidate& best,
                                            FrameTimings* timings) {
+  const ProfilerRange range(range_names::kLearn);
   const LabelMap label = build_label_for_sample_(best.feature, decision.sample_pos, decision.sample_scale);
   if (!label.defined()) return;
   static_cast<void>(store_training_sample_(best.feature, label, decision.rate));

@@ -8,6 +8,7 @@
 #include "tracking_runtime/tracker/atom/cuda_runtime_backend.h"
 #include "tracking_runtime/tracker/atom/frame_rect.h"
 #include "tracking_runtime/tracker/atom/fresh_generator.h"
+#include "tracking_runtime/tracker/atom/gpu/profiler_range.h"
 #include "tracking_runtime/tracker/atom/init_pipeline.h"
 #include "tracking_runtime/tracker/atom/projection_setup.h"
 #include "tracking_runtime/tracker/atom/refuse.h"
@@ -29,6 +30,7 @@ InitPipeline::InitPipeline(CudaRuntimeBackend* owner, const cv::Mat& start_frame
       startup_iterations(std::max(owner->config.startup_filter_iterations, 1)) {}
 
 bool InitPipeline::run() {
+  const ProfilerRange range(range_names::kStart);
   wait_for_previous_training();
   reset_run_state();
   if (!check_arguments() || !start_runtime() || !cut_template_patch()) return false;
@@ -67,6 +69,7 @@ bool InitPipeline::check_arguments() {
 }
 
 bool InitPipeline::start_runtime() {
+  const ProfilerRange range(range_names::kEngine);
   backend.image_size = frame.size();
   const StageClock clock;
   std::string text;
@@ -76,6 +79,7 @@ bool InitPipeline::start_runtime() {
 }
 
 bool InitPipeline::cut_template_patch() {
+  const ProfilerRange range(range_names::kCrops);
   const StageClock clock;
   template_patch =
       cut_square_patch(frame, center_of(box), static_cast<float>(box.width), static_cast<float>(box.height),
@@ -98,6 +102,7 @@ void InitPipeline::place_target() {
 
 /// A random projection that the joint solver will refine needs no template on the host.
 void InitPipeline::probe_device_template() {
+  const ProfilerRange range(range_names::kTemplate);
   const StageClock clock;
   const bool randn = is_randn(backend.config.proj_init_method);
   needs_template_feature = backend.config.use_projection_matrix && !randn;
@@ -122,6 +127,7 @@ bool InitPipeline::learn_raw_sizes() {
 
 bool InitPipeline::ensure_template_feature(std::string* text) {
   if (template_feature.defined()) return true;
+  const ProfilerRange range(range_names::kTemplate);
   const StageClock clock;
   const bool extracted = backend.extract_feature_map_(template_patch, &template_feature, text);
   timings.template_host += clock.elapsed_ms();
@@ -140,6 +146,7 @@ void InitPipeline::set_raw_sizes(int channels, int height, int width) {
 }
 
 bool InitPipeline::set_up_projection() {
+  const ProfilerRange range(range_names::kFirstProjection);
   const StageClock clock;
   const bool done = needs_template_feature
                         ? backend.init_projection_matrix_(template_feature)
@@ -150,6 +157,7 @@ bool InitPipeline::set_up_projection() {
 }
 
 bool InitPipeline::set_up_filter() {
+  const ProfilerRange range(range_names::kFirstFilter);
   const StageClock clock;
   const float scale = std::max(backend.target_scale, 1e-6F);
   const float patch_side = static_cast<float>(backend.config.search_size);
@@ -167,6 +175,7 @@ bool InitPipeline::set_up_filter() {
 }
 
 void InitPipeline::make_augmented_set() {
+  const ProfilerRange range(range_names::kAugment);
   augmented.patches = augmented_patches(frame, template_patch, box, backend, &timings);
   const StageClock clock;
   std::mt19937 generator = fresh_generator();

@@ -4,6 +4,7 @@
 
 #include "tracking_runtime/tracker/atom/cuda_runtime_backend.h"
 #include "tracking_runtime/tracker/atom/frame_rect.h"
+#include "tracking_runtime/tracker/atom/gpu/profiler_range.h"
 #include "tracking_runtime/tracker/atom/init_pipeline.h"
 #include "tracking_runtime/tracker/atom/refuse.h"
 
@@ -45,6 +46,7 @@ bool CudaRuntimeBackend::finalize_init_training_(const std::vector<FeatureMap>& 
   timings->memory_init += clock.lap_ms();
   if (!filled) return refuse("failed to initialize non-Torch training memory", error);
   if (!skip_filter_training) {
+    const ProfilerRange range(range_names::kFirstTraining);
     const bool trained = train_filter_from_memory_(iterations, config.sample_memory_size, nullptr, nullptr);
     timings->memory_train += clock.lap_ms();
     if (!trained) return refuse("failed to optimize initial classifier", error);
@@ -92,6 +94,7 @@ bool InitPipeline::train_on_template_alone(std::string* text) {
   const bool filled = backend.batch_init_memory_({projected}, {label});
   timings.memory_init += clock.lap_ms();
   if (!filled) return refuse("failed to initialize template-only training memory", text);
+  const ProfilerRange range(range_names::kFirstTraining);
   const bool trained = backend.train_filter_from_memory_(startup_iterations,
                                                          backend.config.sample_memory_size, nullptr, nullptr);
   timings.memory_train += clock.lap_ms();

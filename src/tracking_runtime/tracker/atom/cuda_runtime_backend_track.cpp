@@ -6,6 +6,7 @@
 #include "tracking_runtime/tracker/atom/frame_candidate.h"
 #include "tracking_runtime/tracker/atom/frame_decision.h"
 #include "tracking_runtime/tracker/atom/frame_timings.h"
+#include "tracking_runtime/tracker/atom/gpu/profiler_range.h"
 #include "tracking_runtime/tracker/atom/refuse.h"
 #include "tracking_runtime/tracker/atom/square_patch.h"
 
@@ -14,6 +15,7 @@ namespace {
 
 /// Patches of the scales above 0 around the target; `kept` takes the scales that gave one.
 std::vector<cv::Mat> cut_patches(const TargetState& state, const cv::Mat& image, std::vector<float>* kept) {
+  const ProfilerRange range(range_names::kCrops);
   std::vector<cv::Mat> patches;
   for (const float scale : sorted_search_scales(state.config.search_scales)) {
     if (!(scale > 0.0F)) continue;
@@ -45,6 +47,7 @@ std::vector<Candidate> CudaRuntimeBackend::candidates_on_gpu_(const std::vector<
                                                               const std::vector<cv::Mat>& responses,
                                                               std::vector<FeatureMap>* features,
                                                               FrameTimings* timings) const {
+  const ProfilerRange range(range_names::kUpsample);
   const StageClock clock;
   std::vector<Candidate> candidates;
   candidates.reserve(scales.size());
@@ -90,6 +93,7 @@ std::vector<Candidate> CudaRuntimeBackend::candidates_on_host_(const std::vector
 }
 
 bool CudaRuntimeBackend::track(const cv::Mat& image, base::BBox* bbox, float* score, std::string* status) {
+  const ProfilerRange range(range_names::kFrame);
   if (const char* word = refuse_untracked_(bbox, score)) return refuse(word, status);
   if (image.empty()) return refuse("empty_image", status);
   image_size = image.size();

@@ -11,6 +11,7 @@
 #include "tracking_runtime/tracker/atom/cuda_runtime_backend.h"
 #include "tracking_runtime/tracker/atom/exception_text.h"
 #include "tracking_runtime/tracker/atom/gpu/cuda_filter_trainer.h"
+#include "tracking_runtime/tracker/atom/gpu/profiler_range.h"
 #include "tracking_runtime/tracker/atom/refuse.h"
 #include "tracking_runtime/tracker/atom/stage_clock.h"
 
@@ -150,6 +151,7 @@ void CudaRuntimeBackend::train_filter_async_(int iterations, int sample_cap, con
 }
 
 void CudaRuntimeBackend::run_training_job_(const TrainingJob& job) {
+  const ProfilerRange range(range_names::kTraining);
   const StageClock clock;
   print_schedule(job, "start");
   try {

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "tracking_runtime/tracker/atom/gpu/cuda_error.h"
+#include "tracking_runtime/tracker/atom/gpu/profiler_range.h"
 #include "tracking_runtime/tracker/atom/init_pipeline.h"
 #include "tracking_runtime/tracker/atom/refuse.h"
 
@@ -110,6 +111,7 @@ bool InitPipeline::preload_template() {
 }
 
 bool InitPipeline::preload_further_patches(const DirectSet& set) {
+  const ProfilerRange range(range_names::kStartFeatures);
   const auto largest =
       static_cast<std::size_t>(std::max(backend.trt != nullptr ? backend.trt->max_batch : 1, 1));
   for (std::size_t first = 0; first < set.further_images.size(); first += largest) {
@@ -178,6 +180,7 @@ bool InitPipeline::optimize_direct_set(const DirectSet& set, JointFit* fit) {
 }
 
 bool InitPipeline::train_on_device(const DirectSet& set) {
+  const ProfilerRange range(range_names::kFirstTraining);
   ProjectedFeatureView view;
   std::string text;
   if (!backend.joint_optimizer->get_projected_feature_device_view(&view, &text)) {
@@ -193,6 +196,7 @@ bool InitPipeline::train_on_device(const DirectSet& set) {
 }
 
 bool InitPipeline::take_projected_features(DirectSet* set) {
+  const ProfilerRange range(range_names::kCollect);
   const StageClock clock;
   std::vector<float> projected;
   std::string text;

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "tracking_runtime/tracker/atom/gpu/profiler_range.h"
 #include "tracking_runtime/tracker/atom/init_pipeline.h"
 
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
@@ -24,6 +25,7 @@ bool InitPipeline::take_host_path() {
 }
 
 bool InitPipeline::gather_raw_items() {
+  const ProfilerRange range(range_names::kStartFeatures);
   std::string reason;
   if (!ensure_template_feature(&reason)) {
     return fail("failed to extract template feature", "failed_to_extract_template_feature", {});

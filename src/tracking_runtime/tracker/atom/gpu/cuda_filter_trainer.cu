@@ -5,6 +5,7 @@
 #include "tracking_runtime/tracker/atom/gpu/correlation_device.h"
 #include "tracking_runtime/tracker/atom/gpu/cuda_filter_trainer_impl.h"
 #include "tracking_runtime/tracker/atom/gpu/kernel_launch.h"
+#include "tracking_runtime/tracker/atom/gpu/profiler_range.h"
 #include "tracking_runtime/tracker/atom/gpu/solver_device.h"
 
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
@@ -300,6 +301,7 @@ bool optimize_filter_on_device_features(TrainerImpl* impl, const float* features
       filter.size() != element_count({channels, filter_height, filter_width})) {
     return refuse("CUDA filter trainer input sizes do not match requested dimensions", error);
   }
+  const ProfilerRange range(range_names::kFilterSolve);
   TrainingJob job(*impl, features_device, samples, channels, {height, width}, {filter_height, filter_width},
                   regularization, error);
   if (!job.upload(labels, sample_weights, filter) || !job.right_hand_side()) return false;

@@ -3,6 +3,7 @@
 #include "tracking_runtime/tracker/atom/gpu/cuda_joint_optimizer_impl.h"
 #include "tracking_runtime/tracker/atom/gpu/cuda_joint_optimizer_ops.h"
 #include "tracking_runtime/tracker/atom/gpu/cuda_joint_optimizer_support.h"
+#include "tracking_runtime/tracker/atom/gpu/profiler_range.h"
 #include "tracking_runtime/tracker/atom/gpu/solver_scalars.h"
 
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
@@ -266,11 +267,13 @@ bool CudaJointOptimizer::optimize_preloaded_raw_features(
                        impl.filter_height, impl.filter_width, error)) {
     return false;
   }
+  const ProfilerRange range(range_names::kJointFit);
   JointFit fit(impl, samples, filter_regularization, projection_regularization, sample_weight, error);
   if (!fit.upload_inputs(labels, filter, projection)) return false;
   const int steps = std::max(gauss_newton_iterations, 1);
   const int iterations = std::max(conjugate_gradient_iterations, 1);
   for (int step = 0; step < steps; ++step) {
+    const ProfilerRange step_range(range_names::kGaussNewtonStep);
     if (!fit.gauss_newton_step(iterations)) return false;
   }
   if (!fit.download(out_filter, out_projection)) return false;

@@ -1,5 +1,6 @@
 #include "tracking_runtime/tracker/atom/gpu/cuda_error.h"
 #include "tracking_runtime/tracker/atom/gpu/cuda_projection_classifier.h"
+#include "tracking_runtime/tracker/atom/gpu/profiler_range.h"
 #include "tracking_runtime/tracker/atom/gpu/trt_classify.h"
 #include "tracking_runtime/tracker/atom/gpu/trt_classify_common.h"
 
@@ -58,15 +59,16 @@ bool settle_feature_size(const TrtBackbone& primary, int count, ClassifyPlan* pl
 bool enqueue_network_and_classifier(TrtBackbone* primary, int count, std::string* error) {
   cudaStream_t const stream = primary->stream.get();
   if (!record_cuda_event(primary->trt_wait_events.start.get(), stream, "trt_wait start", error)) return false;
-  if (!primary->context->enqueueV3(stream)) {
+  if (!enqueue_network(primary)) {
     return refuse("TensorRT enqueue failed for TensorBatch classify path", error);
   }
-  return primary->classifier->project_and_classify(primary->feature_tensor().device, count, stream, error) &&
+  return project_and_classify(primary, count, error) &&
          record_cuda_event(primary->trt_wait_events.stop.get(), stream, "trt_wait stop", error);
 }
 
 bool collect_batch(const TrtBackbone& primary, const ClassifyPlan& plan, int count, ClassifyScratch* scratch,
                    const ClassifyOutputs& outputs, std::string* error) {
+  const ProfilerRange range(range_names::kCollect);
   outputs.responses->resize(static_cast<std::size_t>(count));
   if (!collect_responses(primary, plan, count, scratch, outputs.responses->data(), error)) return false;
   if (outputs.features == nullptr) return true;

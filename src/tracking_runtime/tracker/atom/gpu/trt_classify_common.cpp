@@ -6,6 +6,7 @@
 
 #include "tracking_runtime/tracker/atom/gpu/cuda_error.h"
 #include "tracking_runtime/tracker/atom/gpu/cuda_projection_classifier.h"
+#include "tracking_runtime/tracker/atom/gpu/profiler_range.h"
 
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
 namespace {
@@ -46,6 +47,7 @@ bool forget_weights(TrtBackbone* worker) {
 
 bool upload_weights(TrtBackbone* worker, const ClassifyPlan& plan, GpuTrackTimings* timings,
                     std::string* error) {
+  const ProfilerRange range(range_names::kUploadWeights);
   const ClassifierState& weights = plan.weights;
   const SteadyClock::time_point start = SteadyClock::now();
   const bool uploaded = worker->classifier->upload_weights(
@@ -104,6 +106,12 @@ bool refresh_weights(TrtBackbone* worker, const ClassifyPlan& plan, int batch_ca
   if (!upload_weights(worker, plan, timings, error)) return forget_weights(worker);
   remember_weights(worker, plan);
   return true;
+}
+
+bool project_and_classify(TrtBackbone* worker, int count, std::string* error) {
+  const ProfilerRange range(range_names::kClassify);
+  return worker->classifier->project_and_classify(worker->feature_tensor().device, count,
+                                                  worker->stream.get(), error);
 }
 
 bool collect_responses(const TrtBackbone& worker, const ClassifyPlan& plan, int count,

@@ -41,6 +41,9 @@ bool settle_channels(bool use_projection_matrix, const ClassifyTexts& texts, Cla
 bool refresh_weights(TrtBackbone* worker, const ClassifyPlan& plan, int batch_capacity,
                      GpuTrackTimings* timings, std::string* error);
 
+/// Enqueues projection and correlation of the worker's first `count` feature samples on its stream.
+bool project_and_classify(TrtBackbone* worker, int count, std::string* error);
+
 /// Downloads the responses of a worker's first `count` samples to `responses`.
 bool collect_responses(const TrtBackbone& worker, const ClassifyPlan& plan, int count,
                        ClassifyScratch* scratch, cv::Mat* responses, std::string* error);

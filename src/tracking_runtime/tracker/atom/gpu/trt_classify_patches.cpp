@@ -2,6 +2,7 @@
 
 #include "tracking_runtime/tracker/atom/gpu/cuda_error.h"
 #include "tracking_runtime/tracker/atom/gpu/cuda_projection_classifier.h"
+#include "tracking_runtime/tracker/atom/gpu/profiler_range.h"
 #include "tracking_runtime/tracker/atom/gpu/trt_classify.h"
 #include "tracking_runtime/tracker/atom/gpu/trt_classify_common.h"
 
@@ -45,16 +46,16 @@ bool launch_patch(TrtBackbone* worker, const cv::Mat& patch, const ClassifyPlan&
   }
   cudaStream_t const stream = worker->stream.get();
   if (!record_cuda_event(worker->trt_wait_events.start.get(), stream, "trt_wait start", error)) return false;
-  if (!worker->context->enqueueV3(stream)) {
+  if (!enqueue_network(worker)) {
     return refuse("TensorRT enqueue failed for GPU classify path", error);
   }
-  return refresh_weights(worker, plan, 1, timings, error) &&
-         worker->classifier->project_and_classify(worker->feature_tensor().device, 1, stream, error) &&
+  return refresh_weights(worker, plan, 1, timings, error) && project_and_classify(worker, 1, error) &&
          record_cuda_event(worker->trt_wait_events.stop.get(), stream, "trt_wait stop", error);
 }
 
 bool collect_patch(const TrtBackbone& worker, std::size_t index, const ClassifyPlan& plan,
                    ClassifyScratch* scratch, const ClassifyOutputs& outputs, std::string* error) {
+  const ProfilerRange range(range_names::kCollect);
   if (!collect_responses(worker, plan, 1, scratch, &(*outputs.responses)[index], error)) return false;
   return outputs.features == nullptr ||
          collect_projected_sample(worker, 0, &(*outputs.features)[index], error);

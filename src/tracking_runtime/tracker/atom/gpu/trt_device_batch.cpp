@@ -51,7 +51,7 @@ bool run_trt_device_batch(TrtBackbone* worker, PatchRange patches, TrtDeviceBatc
   if (!check_request(worker, patches, error)) return false;
   const auto batch = static_cast<int>(patches.count);
   if (!prepare_input(worker, batch, error) || !upload_trt_input_patches(worker, patches, error)) return false;
-  if (!worker->context->enqueueV3(worker->stream.get())) {
+  if (!enqueue_network(worker)) {
     return refuse("TensorRT enqueue failed for init device batch", error);
   }
   return take_output(*worker, batch, out, error);

@@ -5,6 +5,7 @@
 
 #include "tracking_runtime/tracker/atom/gpu/cuda_error.h"
 #include "tracking_runtime/tracker/atom/gpu/cuda_image_preprocess.h"
+#include "tracking_runtime/tracker/atom/gpu/profiler_range.h"
 
 namespace ostrel_tracker::tracking_runtime::tracker::atom {
 namespace {
@@ -136,8 +137,14 @@ bool download_features(const TrtBackbone& worker, const TrtOutputTensor& tensor,
 
 }  // namespace
 
+bool enqueue_network(TrtBackbone* worker) {
+  const ProfilerRange range(range_names::kBackbone);
+  return worker->context->enqueueV3(worker->stream.get());
+}
+
 bool upload_trt_input_patches(TrtBackbone* worker, PatchRange patches, std::string* error) {
   if (!check_upload(worker, patches, error)) return false;
+  const ProfilerRange range(range_names::kUploadPatches);
   const auto record = [&](const CudaEvent& event, const char* label) {
     return record_cuda_event(event.get(), worker->stream.get(), label, error);
   };
@@ -154,7 +161,7 @@ FeatureMap run_trt_forward_batched(TrtBackbone* worker, PatchRange patches, std:
   if (!prepare_batched_input(worker, batch, error) || !upload_trt_input_patches(worker, patches, error)) {
     return {};
   }
-  if (!worker->context->enqueueV3(worker->stream.get())) {
+  if (!enqueue_network(worker)) {
     refuse("TensorRT enqueue failed", error);
     return {};
   }
@@ -189,8 +196,7 @@ bool launch_trt_worker_forward(TrtBackbone* worker, const cv::Mat& patch, std::s
     return refuse("failed to bind TensorRT worker input tensor", error);
   }
   return upload_trt_input_patches(worker, PatchRange(&patch, 1), error) &&
-         (worker->context->enqueueV3(worker->stream.get()) ||
-          refuse("TensorRT worker enqueue failed", error));
+         (enqueue_network(worker) || refuse("TensorRT worker enqueue failed", error));
 }
 
 bool collect_trt_worker_forward(TrtBackbone* worker, FeatureMap* out, std::string* error) {

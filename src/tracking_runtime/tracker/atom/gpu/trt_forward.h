@@ -20,6 +20,10 @@ struct PatchRange {
   std::size_t count;
 };
 
+/// Enqueues the network on the worker's stream, with the shapes and addresses of the moment, and returns without
+/// waiting. False where TensorRT refuses.
+bool enqueue_network(TrtBackbone* worker);
+
 /// Enqueues upload and conversion of the patches to `input_device` on the worker's stream and returns without
 /// waiting. The patches are ordinary memory, read before the return. Fails with "TensorRT worker is not ready
 /// for input upload" (also for no patches), "TensorRT input upload exceeds worker batch capacity", "TensorRT
