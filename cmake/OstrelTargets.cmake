@@ -43,6 +43,7 @@ function(ostrel_add_standin name)
     ostrel_kernel_sources(${ARG_KERNELS})
   endif()
   add_library(${name} SHARED ${ARG_SOURCES} ${ARG_KERNELS})
+  set_property(GLOBAL APPEND PROPERTY OSTREL_STANDINS ${name})
   target_link_libraries(${name} PUBLIC ${ARG_LINK} PRIVATE ostrel_warnings)
 endfunction()
 
