@@ -42,7 +42,7 @@ grep -q '"tracker_engine_path"' schema.json || fail 'the installed program does 
 # A host outside: it finds the package, compiles, and reaches its first box.
 launcher=$(command -v ccache || true)
 {
-  cmake -S "$share/docs/examples/minimal_host" -B example -DCMAKE_PREFIX_PATH="$prefix" \
+  cmake -G Ninja -S "$share/docs/examples/minimal_host" -B example -DCMAKE_PREFIX_PATH="$prefix" \
     -DCMAKE_CXX_COMPILER_LAUNCHER="$launcher"
   cmake --build example
 } >example.log 2>&1 || { cat example.log; exit 1; }

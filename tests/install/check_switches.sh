@@ -11,7 +11,7 @@ fail() { echo "$*"; cat configure.log; exit 1; }
 # configure ARGUMENTS...: from an empty cache but for what the compiler is.
 configure() {
   rm -f build/CMakeCache.txt
-  cmake -S "${tree:-$source}" -B build "$@" >configure.log 2>&1
+  cmake -G Ninja -S "${tree:-$source}" -B build "$@" >configure.log 2>&1
 }
 # refused TEXT ARGUMENTS...: the configuration fails and says the text.
 refused() {
