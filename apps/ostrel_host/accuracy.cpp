@@ -1,9 +1,9 @@
 #include "accuracy.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <numeric>
 
@@ -13,14 +13,25 @@
 namespace ostrel_host {
 namespace {
 
+constexpr char kSeparators[] = " \t\r,;";
+
 bool is_blank(const std::string& line) {
-  return line.find_first_not_of(" \t\r,;") == std::string::npos;
+  return line.find_first_not_of(kSeparators) == std::string::npos;
 }
 
-bool is_absent(std::string line) {
-  std::transform(line.begin(), line.end(), line.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  return is_blank(line) || line.find("nan") != std::string::npos;
+// Empty, or nothing but numbers of which one is nan.
+bool is_absent(const std::string& line) {
+  bool absent = is_blank(line);
+  std::size_t at = line.find_first_not_of(kSeparators);
+  while (at != std::string::npos) {
+    const char* const word = line.c_str() + at;
+    char* end = nullptr;
+    const double number = std::strtod(word, &end);
+    if (end == word) return false;
+    absent = absent || std::isnan(number);
+    at = line.find_first_not_of(kSeparators, at + static_cast<std::size_t>(end - word));
+  }
+  return absent;
 }
 
 cv::Rect2d parse_box(const std::string& line, std::size_t number, const std::string& file) {
@@ -65,7 +76,8 @@ double overlap(const cv::Rect2d& a, const cv::Rect2d& b) {
   const double height = std::min(a.y + a.height, b.y + b.height) - std::max(a.y, b.y);
   if (width <= 0.0 || height <= 0.0) return 0.0;
   const double shared = width * height;
-  return shared / (a.width * a.height + b.width * b.height - shared);
+  // Rounding may leave one box a hair larger than itself.
+  return std::min(1.0, shared / (a.width * a.height + b.width * b.height - shared));
 }
 
 double centre_distance_px(const cv::Rect2d& a, const cv::Rect2d& b) {

@@ -19,6 +19,13 @@ TEST(Overlap, IsIntersectionOverUnion) {
   EXPECT_EQ(overlap({0, 0, 10, 10}, {0, 0, 0, 10}), 0.0);
 }
 
+// 0.1 + 0.2 - 0.1 is more than 0.2.
+TEST(Overlap, OfABoxWithItselfIsNoMoreThanOneWhereNumbersAreRounded) {
+  const cv::Rect2d box{0.1, 0.1, 0.2, 0.2};
+  EXPECT_EQ(overlap(box, box), 1.0);
+  EXPECT_DOUBLE_EQ(score_boxes({box}, {box}).success_auc, 20.0 / 21.0);
+}
+
 TEST(CentreDistance, IsEuclidean) {
   EXPECT_DOUBLE_EQ(centre_distance_px({0, 0, 10, 10}, {3, 4, 10, 10}), 5.0);
   EXPECT_DOUBLE_EQ(centre_distance_px({0, 0, 10, 10}, {-5, -5, 20, 20}), 0.0);
@@ -122,6 +129,8 @@ TEST(BoxFile, ReadsEveryLineAsABoxOrNone) {
       {"zeros stand for no target", "0,0,0,0", {}},
       {"so do words for no number", "NaN,NaN,NaN,NaN", {}},
       {"in any case", "nan NAN nan nan", {}},
+      {"one is enough", "10,20,nan,30.5", {}},
+      {"with what some systems say of it", "-nan(ind),1,2,3", {}},
       {"and an empty line", "", {}},
       {"or a blank one", " \t\r", {}},
   };
@@ -143,7 +152,8 @@ TEST(BoxFile, RefusesWhatIsNoListOfBoxes) {
   const ostrel_test::TemporaryFolder folder;
   EXPECT_THROW(read_boxes(folder.path("missing.txt")), BadInput);
   EXPECT_THROW(read_boxes(folder.file("empty.txt", "\n")), BadInput);
-  for (const char* line : {"hello", "1,2,3", "1,2,3,4,5", "1,,2,3", "1,2,3,inf", "1;2;3;4;x"}) {
+  for (const char* line :
+       {"hello", "banana", "1,2,nanometres,4", "1,2,3", "1,2,3,4,5", "1,,2,3", "1,2,3,inf", "1;2;3;4;x"}) {
     const std::string file = folder.file("bad.txt", std::string("1,2,3,4\n") + line + "\n");
     try {
       read_boxes(file);
