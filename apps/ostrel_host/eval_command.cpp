@@ -1,8 +1,8 @@
 #include "eval_command.h"
 
-#include <chrono>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <opencv2/core/utility.hpp>
 
 #include "bad_input.h"
@@ -27,8 +27,12 @@ using nlohmann::ordered_json;
 
 std::vector<Sequence> open_sequences(const EvalOptions& options) {
   std::vector<Sequence> sequences;
-  for (const auto& folder : sequence_folders(options.folders)) {
-    sequences.push_back(open_sequence(folder, options.frames));
+  try {
+    for (const auto& folder : sequence_folders(options.folders)) {
+      sequences.push_back(open_sequence(folder, options.frames));
+    }
+  } catch (const std::filesystem::filesystem_error& failure) {  // no right to read, a link to itself, ..
+    throw BadInput("'" + failure.path1().string() + "' cannot be read: " + failure.code().message());
   }
   return sequences;
 }
@@ -111,7 +115,7 @@ class Evaluation {
         files_(options.out),
         tracker_log_((files_.folder() / "tracker.log").string()),
         progress_(frames_expected(), Progress::Words::kTold, tracker_log_.terminal()) {
-    for (const EvalTracker& tracker : trackers) left_.add_work(tracker.name, frames_of(tracker));
+    for (const EvalTracker& tracker : trackers) left_.add_work(tracker.name, frames_of_each());
   }
 
   // What ends the evaluation, such as a tracker that cannot start, does so behind the report on the passes before it.
@@ -129,15 +133,14 @@ class Evaluation {
   }
 
  private:
-  std::size_t frames_of(const EvalTracker&) const {
+  // That each of the trackers is given.
+  std::size_t frames_of_each() const {
     std::size_t frames = 0;
     for (const Sequence& sequence : sequences_) frames += sequence.frames();
     return frames * static_cast<std::size_t>(options_.runs);
   }
 
-  std::size_t frames_expected() const {
-    return trackers_.empty() ? 0 : frames_of(trackers_.front()) * trackers_.size();
-  }
+  std::size_t frames_expected() const { return frames_of_each() * trackers_.size(); }
 
   std::size_t passes_expected() const {
     return static_cast<std::size_t>(options_.runs) * sequences_.size() * trackers_.size();

@@ -76,6 +76,14 @@ BBox start_box(const cv::Rect2d& box, const fs::path& truth_file) {
                  " is no box with a size, and nothing can start there");
 }
 
+void require_start_inside(const Sequence& sequence) {
+  try {
+    require_inside(sequence.start, sequence.frame_size_px);
+  } catch (const BadInput& failure) {
+    throw BadInput("the first line of " + quoted(sequence.folder / kTruthFile) + ": " + failure.what());
+  }
+}
+
 }  // namespace
 
 std::vector<fs::path> sequence_folders(const std::vector<std::string>& arguments) {
@@ -103,7 +111,7 @@ Sequence open_sequence(const fs::path& folder, std::size_t most_frames) {
   const auto source = open_source(sequence.images());
   sequence.pictures = source->frame_count();
   sequence.frame_size_px = readable(source->next(), sequence).size();
-  require_inside(sequence.start, sequence.frame_size_px);
+  require_start_inside(sequence);
   sequence.truth.resize(std::min(sequence.lines, sequence.pictures));
   if (most_frames != 0 && most_frames < sequence.truth.size()) sequence.truth.resize(most_frames);
   return sequence;

@@ -165,6 +165,8 @@ TEST_F(EvalProgram, RefusesBadInputBeforeAnythingStarts) {
   folder_.file("all/second/img/00004.png", "no picture");
   std::filesystem::create_directory(folder_.path() / "nothing");
   folder_.file("c.json", R"({"learn":{}})");
+  std::filesystem::create_directory(folder_.path() / "knot");
+  std::filesystem::create_symlink("img", folder_.path() / "knot/img");
   const std::string first = folder_.path("all/first");
   const struct {
     std::string words, message;
@@ -174,6 +176,8 @@ TEST_F(EvalProgram, RefusesBadInputBeforeAnythingStarts) {
       {folder_.path("nothing"),
        "'" + folder_.path("nothing") +
            "' is no sequence and holds none: img and groundtruth_rect.txt are needed"},
+      {folder_.path("knot"),
+       "'" + folder_.path("knot/img") + "' cannot be read: Too many levels of symbolic links"},
       {good, "the picture '00004.png' of '" + folder_.path("all/second") + "' cannot be read"},
       {first + " --peer yolo", "'yolo' is no peer: csrt, kcf, mosse and mil are known"},
       {first + " --runs 0", "--runs: Value 0 not in range 1 to 1000"},

@@ -141,7 +141,8 @@ TEST_F(Sequences, WithoutWhatIsNeededAreRefusedInOneLineEach) {
       {"absent", "the first line of " + truth("absent") + no_start},
       {"zeros", "the first line of " + truth("zeros") + no_start},
       {"small", "the first line of " + truth("small") + no_start},
-      {"outside", "the region 90,2,30,20 lies outside the frame of 80x60"},
+      {"outside",
+       "the first line of " + truth("outside") + ": the region 90,2,30,20 lies outside the frame of 80x60"},
       {"damaged", "the picture '1000.png' of " + at("damaged") + " cannot be read"},
   };
   for (const auto& row : rows) {
