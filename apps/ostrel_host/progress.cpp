@@ -73,7 +73,9 @@ void Progress::show(const std::string& line, const std::string& word) {
   const bool changed = word != last_word_;
   last_word_ = word;
   if (!interactive_) {
-    if (changed && words_ == Words::kTold) std::fprintf(terminal_, "%s\n", line.c_str());
+    if (!changed || words_ != Words::kTold) return;
+    std::fprintf(terminal_, "%s\n", line.c_str());
+    std::fflush(terminal_);  // a stream of our own is buffered where it is no terminal
     return;
   }
   const auto now = std::chrono::steady_clock::now();

@@ -197,6 +197,19 @@ TEST(Progress, TellsEachTaskOfAJobOnceWithoutATerminal) {
             job_line(0, 4, -1.0, "first") + "\n" + job_line(2, 4, 6.0, "second") + "\n");
 }
 
+// Hours may pass before the next one.
+TEST(Progress, TellsATaskAtOnceInAFileToo) {
+  const ostrel_test::TemporaryFolder folder;
+  std::FILE* const file = std::fopen(folder.path("told").c_str(), "w");
+  ASSERT_NE(file, nullptr);
+  {
+    Progress progress(4, Progress::Words::kTold, file);
+    progress.job(0, -1.0, "first");
+    EXPECT_EQ(content_of(folder.path("told")), job_line(0, 4, -1.0, "first") + "\n");
+  }
+  std::fclose(file);
+}
+
 TEST(Pacer, HoldsFramesBackUntilTheyAreDueAndNoLateOne) {
   const Pacer pacer(100.0);
   pacer.wait_for(5);
