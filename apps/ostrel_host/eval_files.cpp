@@ -103,6 +103,10 @@ ordered_json curves_json(const EvalCurves& curves) {
 
 EvalFiles::EvalFiles(const fs::path& folder) : folder_(folder) {
   make_result_folder(folder);
+  for (const char* name : {"eval.json", "success.png", "precision.png"}) {
+    std::error_code none_there;
+    fs::remove(folder / name, none_there);
+  }
   csv_.open(folder / "eval.csv", std::ios::trunc);
   csv_ << csv_header() << '\n' << std::flush;
   if (!csv_) throw BadInput("'" + (folder / "eval.csv").string() + "' cannot be written");

@@ -23,7 +23,8 @@ nlohmann::ordered_json curves_json(const EvalCurves& curves);
 
 class EvalFiles {
  public:
-  // Makes the folder where needed. Throws BadInput where it or eval.csv cannot be written.
+  // Makes the folder where needed, and takes away the report and the plots of an earlier evaluation, so that none
+  // stands beside passes that it does not tell of. Throws BadInput where it or eval.csv cannot be written.
   explicit EvalFiles(const std::filesystem::path& folder);
 
   // A finished pass: its row of eval.csv, and boxes/TRACKER/SEQUENCE-runN.txt with the box that counts per frame, a

@@ -210,6 +210,19 @@ TEST(EvalFiles, KeepWhatIsFinishedAtOnce) {
   EXPECT_THROW(EvalFiles(folder.path() / "file"), BadInput);
 }
 
+TEST(EvalFiles, TakeAwayAnEarlierReport) {
+  const ostrel_test::TemporaryFolder folder;
+  for (const char* name : {"out/eval.json", "out/success.png", "out/precision.png", "out/notes.txt"}) {
+    std::filesystem::create_directories(folder.path() / "out");
+    folder.file(name, "of before");
+  }
+  const EvalFiles files(folder.path() / "out");
+  for (const char* name : {"eval.json", "success.png", "precision.png"}) {
+    EXPECT_FALSE(std::filesystem::exists(files.folder() / name)) << name;
+  }
+  EXPECT_EQ(content_of(folder.path("out/notes.txt")), "of before");
+}
+
 EvalCurves curves(const std::string& tracker, double value, double at_20px) {
   EvalCurves made{tracker, {}, {}};
   made.success.fill(value);
