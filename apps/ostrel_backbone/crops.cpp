@@ -1,6 +1,7 @@
 #include "crops.h"
 
 #include <ostrel_scene/scene.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <opencv2/imgcodecs.hpp>

@@ -14,35 +14,38 @@
 namespace ostrel::backbone {
 namespace {
 
-void declare_source(CLI::App* import, ImportCommand* command) {
+void declare_source(CLI::App* subcommand, ImportCommand* command) {
   static const std::map<std::string, bool> kOrders{{"rgb", false}, {"bgr", true}};
-  import->add_option("--onnx", command->source_file, "The ResNet-18 to read, ONNX of operator sets 9 to 17")
+  subcommand
+      ->add_option("--onnx", command->source_file, "The ResNet-18 to read, ONNX of operator sets 9 to 17")
       ->required();
-  import
+  subcommand
       ->add_option("--mean", command->input.mean,
                    "Of red, green, blue (default: ImageNet's 0.485,0.456,0.406)")
       ->delimiter(',');
-  import
+  subcommand
       ->add_option("--deviation", command->input.deviation,
                    "Of red, green, blue (default: ImageNet's 0.229,0.224,0.225)")
       ->delimiter(',')
       ->check(CLI::PositiveNumber);
-  import
+  subcommand
       ->add_option(
           "--input-range", command->input.range,
           "1 or 255: the values of a picture that mean and deviation are for (default 1; 255 where the "
           "model itself normalises)")
       ->check(CLI::IsMember({1.0, 255.0}));
-  import->add_option("--input-order", command->input.blue_first, "Planes of the source network: rgb or bgr")
+  subcommand
+      ->add_option("--input-order", command->input.blue_first, "Planes of the source network: rgb or bgr")
       ->transform(CLI::CheckedTransformer(kOrders));
 }
 
-void declare_feature(CLI::App* import, ImportCommand* command) {
+void declare_feature(CLI::App* subcommand, ImportCommand* command) {
   static const std::map<std::string, Feature> kFeatures{
       {"stage", Feature::kStage}, {"dilated", Feature::kDilated}, {"joined", Feature::kJoined}};
-  import->add_option("--stride", command->stride, "8 (cut behind layer2) or 16 (behind layer3); default 8")
+  subcommand
+      ->add_option("--stride", command->stride, "8 (cut behind layer2) or 16 (behind layer3); default 8")
       ->check(CLI::IsMember({8, 16}));
-  import
+  subcommand
       ->add_option(
           "--feature", command->feature,
           "stage: the stage of that stride; dilated: layer3 kept at stride 8; joined: layer2 with layer3 "
@@ -50,36 +53,37 @@ void declare_feature(CLI::App* import, ImportCommand* command) {
       ->transform(CLI::CheckedTransformer(kFeatures));
 }
 
-void declare_neck(CLI::App* import, ImportCommand* command) {
-  CLI::Option* neck = import->add_option("--neck", command->neck.channels,
-                                         "Channels of a 1 x 1 neck that decorrelates and scales");
+void declare_neck(CLI::App* subcommand, ImportCommand* command) {
+  CLI::Option* neck = subcommand->add_option("--neck", command->neck.channels,
+                                             "Channels of a 1 x 1 neck that decorrelates and scales");
   neck->check(CLI::Range(1, 512));
-  import
+  subcommand
       ->add_option("--pictures", command->pictures,
                    "Folder that the neck is measured on (default: made scenes)")
       ->needs(neck);
-  import->add_option("--crops", command->crops, "Crops that the neck is measured on (default 64)")
+  subcommand->add_option("--crops", command->crops, "Crops that the neck is measured on (default 64)")
       ->check(CLI::Range(kSmallestCropCount, kLargestCropCount))
       ->needs(neck);
-  import
+  subcommand
       ->add_option("--whitening", command->neck.whitening,
                    "0: directions keep their spread; 1: alike (default 1)")
       ->check(CLI::Range(0.0, 1.0))
       ->needs(neck);
-  import
+  subcommand
       ->add_option("--shrink", command->neck.shrink,
                    "Share of the mean variance added to each before the division (default 0.1)")
       ->check(CLI::Range(0.0, 10.0))
       ->needs(neck);
 }
 
-void declare_model(CLI::App* import, ImportCommand* command) {
-  import->add_option("--out", command->target_file, "The ONNX file to write")->required();
-  import->add_option("--batch", command->model.batch, "A fixed batch (default: settled when the model runs)")
+void declare_model(CLI::App* subcommand, ImportCommand* command) {
+  subcommand->add_option("--out", command->target_file, "The ONNX file to write")->required();
+  subcommand
+      ->add_option("--batch", command->model.batch, "A fixed batch (default: settled when the model runs)")
       ->check(CLI::Range(1, 4096));
-  import->add_option("--input-size", command->model.input_size, "Height and width (default 192)")
+  subcommand->add_option("--input-size", command->model.input_size, "Height and width (default 192)")
       ->check(CLI::Range(kSmallestInputSize, kLargestInputSize));
-  import
+  subcommand
       ->add_option("--precision", command->model.precision,
                    "float32, bfloat16 or float16 inside (default float32)")
       ->transform(CLI::CheckedTransformer(precision_names()));
@@ -99,16 +103,16 @@ void add_neck(const ImportCommand& command, FeatureTrunk* trunk) {
 }  // namespace
 
 CLI::App* declare_import(CLI::App* app, ImportCommand* command) {
-  CLI::App* import = app->add_subcommand("import", "Make the tracker's trunk from a ResNet-18 (ONNX)");
-  declare_source(import, command);
-  declare_feature(import, command);
-  declare_neck(import, command);
-  declare_model(import, command);
-  import->parse_complete_callback([import, command] {
-    command->input.normalisation_given = import->count("--mean") + import->count("--deviation") > 0;
-});
-return import;
-}  // namespace ostrel::backbone
+  CLI::App* subcommand = app->add_subcommand("import", "Make the tracker's trunk from a ResNet-18 (ONNX)");
+  declare_source(subcommand, command);
+  declare_feature(subcommand, command);
+  declare_neck(subcommand, command);
+  declare_model(subcommand, command);
+  subcommand->parse_complete_callback([subcommand, command] {
+    command->input.normalisation_given = subcommand->count("--mean") + subcommand->count("--deviation") > 0;
+  });
+  return subcommand;
+}
 
 void run_import(const ImportCommand& command) {
   const std::string bytes = read_model_file(command.source_file);

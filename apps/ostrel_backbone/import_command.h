@@ -25,8 +25,7 @@ struct ImportCommand {
 CLI::App* declare_import(CLI::App* app, ImportCommand* command);
 
 // Writes the file and prints a line about the neck, if there is one, and a note where the tracker would not take what
-// was asked for (another size, a fixed batch). Throws ModelError with one line; then nothing
-// is written.
+// was asked for (another size, a fixed batch). Throws ModelError with one line; then nothing is written.
 void run_import(const ImportCommand& command);
 
 }  // namespace ostrel::backbone
