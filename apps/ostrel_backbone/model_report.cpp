@@ -64,14 +64,29 @@ std::string output_trouble(const ModelReport& report) {
   return {};
 }
 
-std::string importable(const SourceGraph& graph) {
+std::string millions(double number) {
+  char text[48];
+  std::snprintf(text, sizeof text, "%.1f million multiply-adds", number / 1e6);
+  return text;
+}
+
+// What the import would find in it, and the words for that; none where it is no ResNet-18.
+std::string importable(const SourceGraph& graph, ModelReport* report) {
   try {
     const TrunkNetwork trunk = match_trunk(graph, {});
-    return "; it is a ResNet-18 up to " + trunk.stages.back().name +
-           " and `ostrel_backbone import` can cut it";
+    report->trunk_end = trunk.stages.back().name;
+    report->trunk_multiply_adds = trunk_multiply_adds(trunk, kFullInputSize);
+    return "; it is a ResNet-18 up to " + report->trunk_end + " and `ostrel_backbone import` can cut it";
   } catch (const ModelError&) {
     return {};
   }
+}
+
+std::string trunk_line(const ModelReport& report) {
+  if (report.trunk_end.empty()) return {};
+  const std::string side = std::to_string(kFullInputSize);
+  return "its trunk    " + millions(report.trunk_multiply_adds) + " a sample of " + side + " x " + side +
+         " up to " + report.trunk_end + "\n";
 }
 
 std::string stride_text(const ModelReport& report) {
@@ -90,7 +105,7 @@ void judge(const SourceGraph& graph, ModelReport* report) {
   if (trouble.empty()) trouble = size_trouble(*report);
   report->taken = trouble.empty();
   if (!report->taken) {
-    report->verdict = refusal(trouble + importable(graph));
+    report->verdict = refusal(trouble + importable(graph, report));
     return;
   }
   const ReportedOutput& read = report->outputs.back();
@@ -127,12 +142,6 @@ std::string with_commas(std::int64_t number) {
     digits.insert(static_cast<std::size_t>(place), ",");
   }
   return digits;
-}
-
-std::string millions(double number) {
-  char text[48];
-  std::snprintf(text, sizeof text, "%.1f million multiply-adds", number / 1e6);
-  return text;
 }
 
 }  // namespace
@@ -174,6 +183,7 @@ std::string report_text(const ModelReport& report) {
           (report.uncounted.empty() ? millions(report.multiply_adds) + " a sample"
                                     : "not counted: " + report.uncounted) +
           "\n";
+  text += trunk_line(report);
   text += "precision    " + report.precision + "\n";
   text += "verdict      " + report.verdict + "\n";
   return text;

@@ -26,7 +26,9 @@ struct ModelReport {
   std::int64_t parameters = 0;            // floats in constants
   double multiply_adds = 0.0;             // of all nodes, for one sample
   std::string uncounted;                  // why multiply-adds and sizes are not known; empty where they are
-  std::string verdict;  // "the tracker takes it: ..." or "the tracker does not take it: ..."
+  std::string trunk_end;  // of a ResNet-18 that the tracker does not take: the last stage to import
+  double trunk_multiply_adds = 0.0;  // up to there, for one sample of 192 x 192
+  std::string verdict;               // "the tracker takes it: ..." or "the tracker does not take it: ..."
   bool taken = false;
 };
 

@@ -49,6 +49,11 @@ double work_behind(const Graph& graph, int value, const std::vector<Sizes>& size
   return work;
 }
 
+double layer_work(const Convolution& layer, int target_side) {
+  const double filters = static_cast<double>(layer.weights_per_output()) * layer.out_channels;
+  return filters * target_side * target_side;
+}
+
 }  // namespace
 
 CountedModel count_multiply_adds(const std::string& bytes, int side) {
@@ -61,6 +66,18 @@ CountedModel count_multiply_adds(const std::string& bytes, int side) {
         {port.name, sizes[static_cast<std::size_t>(port.value)], work_behind(graph, port.value, sizes)});
   }
   return counted;
+}
+
+double trunk_multiply_adds(const TrunkNetwork& trunk, int side) {
+  double work = layer_work(trunk.stem, strided_size(side, trunk.stem.kernel, trunk.stem.stride));
+  for (std::size_t i = 0; i < trunk.stages.size(); ++i) {
+    const int target_side = map_side(trunk, i, side);
+    for (const ResidualBlock& block : trunk.stages[i].blocks) {
+      work += layer_work(block.first, target_side) + layer_work(block.second, target_side);
+      if (block.has_shortcut) work += layer_work(block.shortcut, target_side);
+    }
+  }
+  return work;
 }
 
 }  // namespace ostrel::backbone

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "trunk_network.h"
+
 namespace ostrel::backbone {
 
 struct CountedOutput {
@@ -22,5 +24,8 @@ struct CountedModel {
 // For one sample, and for maps of `side` x `side` where the model leaves them open. Throws onnx_graph::ModelError for
 // a model that the runtime of the PC does not read.
 CountedModel count_multiply_adds(const std::string& bytes, int side);
+
+// The same for a trunk up to its last stage.
+double trunk_multiply_adds(const TrunkNetwork& trunk, int side);
 
 }  // namespace ostrel::backbone

@@ -149,6 +149,11 @@ TEST(ModelReport, PointsToTheImportForAWholeResnet) {
   EXPECT_THAT(report_text(report), HasSubstr("work         not counted: operator \"GlobalAveragePool\""));
   EXPECT_THAT(report_text(report), ::testing::Not(HasSubstr("0.0 million")));
   EXPECT_GT(report.parameters, 11000000);
+  const ModelReport trunk = report_model(trunk_bytes({}));  // counted from its graph
+  EXPECT_EQ(report.trunk_multiply_adds, trunk.multiply_adds);
+  EXPECT_THAT(report_text(report),
+              HasSubstr("its trunk    1030.4 million multiply-adds a sample of 192 x 192 up to layer3\n"));
+  EXPECT_THAT(report_text(trunk), ::testing::Not(HasSubstr("its trunk")));
 }
 
 TEST(ModelReport, IsMadeForOldModelsAndForWeightsThatLieElsewhere) {
