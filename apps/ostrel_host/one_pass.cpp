@@ -102,6 +102,7 @@ Pass pass_of_plugin(IAlgoPlugin& plugin, const Sequence& sequence, double frame_
   if (!first) return pass;
   pass.start_up_ms = ms_since(start);
   note(*first, &pass);
+  pass.frames.back().update_ms.reset();  // it lies in the start-up time
   const Pacer pacer(frame_rate);
   while (go_on(true)) {
     if (pass.frames.size() == sequence.frames()) {

@@ -17,7 +17,7 @@ namespace ostrel_host {
 struct PassFrame {
   cv::Rect2d box;                   // what a user gets; without size: none
   bool held = false;                // a box with score 0: the last one, not seen now
-  std::optional<double> update_ms;  // the tracker's call; none where there was no call
+  std::optional<double> update_ms;  // the tracker's call; none where there was no call, or it was the start's
 };
 
 struct Pass {

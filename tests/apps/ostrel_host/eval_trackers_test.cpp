@@ -227,6 +227,8 @@ TEST_F(OnePass, WaitsForThePluginBeforeTheFirstFrameCounts) {
   EXPECT_EQ(plugin.pictures_at_update.size(), 6U)
       << "two calls before, the third answers for the first frame";
   EXPECT_GE(pass.start_up_ms, 4.0) << "with the pauses between the calls";
+  EXPECT_FALSE(pass.frames[0].update_ms) << "the call that arms is the start's, as a peer's init is";
+  EXPECT_TRUE(pass.frames[1].update_ms);
   for (const PassFrame& frame : pass.frames) EXPECT_FALSE(has_size(frame.box)) << "it published nothing";
 }
 
