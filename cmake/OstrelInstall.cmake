@@ -32,6 +32,7 @@ install(DIRECTORY docs DESTINATION ${share})
 # A folder that the checkout has goes in whole. One that it does not have is told, and an empty one is refused: a
 # package never lacks quietly what somebody meant to ship.
 foreach(folder models configs)
+  install(DIRECTORY ${folder} DESTINATION ${share} OPTIONAL)   # one that comes later needs no new configuration
   set(source ${PROJECT_SOURCE_DIR}/${folder})
   if(NOT IS_DIRECTORY ${source})
     message(STATUS "The checkout has no folder '${folder}': the package will bring none")
@@ -41,7 +42,6 @@ foreach(folder models configs)
   if(NOT content)
     message(FATAL_ERROR "The folder '${folder}' is empty: fill it or remove it")
   endif()
-  install(DIRECTORY ${folder} DESTINATION ${share})
 endforeach()
 
 if(OSTREL_AMENT)
