@@ -52,3 +52,12 @@ ostrel_build() {
     cmake --build --preset host >"$log" 2>&1
   fi || { tail -n 60 "$log" >&2; return 1; }
 }
+
+# Puts the project's trunk where the default configuration looks for an engine, seen from the root of the checkout. A link:
+# it follows the model, and a file of the user's own in its place stays.
+ostrel_default_engine=models/IA_engine/tracker/resnet18_192_opt5.engine
+ostrel_place_trunk() {
+  [ -e "$ostrel_default_engine" ] && [ ! -L "$ostrel_default_engine" ] && return
+  mkdir -p "$(dirname "$ostrel_default_engine")"
+  ln -sfn ../../ostrel_trunk_192.onnx "$ostrel_default_engine"
+}

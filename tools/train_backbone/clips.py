@@ -13,7 +13,11 @@ import numpy as np
 import photometry
 from sprites import BODY_PX, CANVAS_PX, Sprite
 
+FULL_SIDE_PX = 192      # of the tracker's views
 MEAN_PX_PER_UNIT = 36.0  # resolution of the background; a unit is drawn at about 27 pixels
+
+FOLLOWED = 5        # things of a scene that are followed: the target, neighbours, spots of the ground
+CLEAR_UNITS = 0.95  # nothing else stands nearer than this to a thing that can be seen
 
 START_SHIFT = 0.6          # of half the view, per axis: the tracker's shifted start samples
 START_ROTATION_DEG = 10.0
@@ -70,11 +74,21 @@ def _draw(rng, picture, sprite, pose, view):
     picture += colour
 
 
+def _beyond_the_edges(picture, edges, view):
+    """Repeats the border pixels where the camera's picture ends, as the tracker does."""
+    low = np.floor((-edges[:2] - view.centre) / view.span * view.side + view.side / 2).astype(int)
+    high = np.ceil((edges[2:] - view.centre) / view.span * view.side + view.side / 2).astype(int)
+    left, top = np.clip(low, 0, view.side - 1)
+    right, bottom = np.clip(high, (left + 1, top + 1), view.side)
+    return cv2.copyMakeBorder(picture[top:bottom, left:right], top, view.side - bottom, left, view.side - right,
+                              cv2.BORDER_REPLICATE)
+
+
 class Scene:
     """A target, what stands around it, and how all of it changes with time."""
 
-    def __init__(self, rng, pool):
-        self.rng, self.pool = rng, pool
+    def __init__(self, rng, pool, reach=4.0):
+        self.rng, self.pool, self.reach = rng, pool, reach
         self.target = Sprite(rng, pool)
         self.ground = pool.draw(rng)
         if rng.random() < 0.4:  # hard to tell from the ground by colour alone
@@ -85,13 +99,14 @@ class Scene:
         self.light = photometry.light(rng, 1.5)
         self.light['saturation'] = rng.uniform(0.1, 1.0)  # footage is paler than a palette
         self.grey = rng.random() < 0.2
-        self.degradation = rng.uniform(0, 1.2)
-        self.neighbours = [self._neighbour() for _ in range(int(rng.integers(0, 5)))]
-        self.restless = np.exp(rng.normal(0, 0.5))  # how much changes with time
+        self.degradation = rng.uniform(0, 0.9)
+        self.neighbours = [self._neighbour() for _ in range(int(rng.integers(1, 5)))]
+        self.spots = None  # places of the ground that are followed as well, in its pixels
+        self.restless = 0.6 * np.exp(rng.normal(0, 0.5))  # how much changes with time
 
     def _neighbour(self):
-        if self.rng.random() < 0.5:
-            return self.target.altered(self.rng, self.pool.fields, self.rng.uniform(0.2, 1.0))
+        if self.rng.random() < 0.25:
+            return self.target.altered(self.rng, self.pool.fields, self.rng.uniform(0.5, 1.0))
         return Sprite(self.rng, self.pool)
 
     def pose(self, time):
@@ -99,7 +114,7 @@ class Scene:
         return Pose(np.zeros(2), np.exp(rng.normal(0, 0.2 * change)), np.exp(rng.normal(0, 0.14 * change)),
                     rng.normal(0, 0.22 * change), rng.normal(0, 0.1 * change), 1.2 * change)
 
-    def _ground_at(self, time, view):
+    def _ground_at(self, time):
         rng, change = self.rng, time * self.restless
         ground, place = self.ground, self.ground_place
         if rng.random() < 0.35 * time:  # the target has come to another place
@@ -109,26 +124,31 @@ class Scene:
         to_world = _affine(scale, scale, self.ground_angle + rng.normal(0, 0.08 * change), 0.0, (0, 0), place)
         return to_world, ground
 
+    def _edges(self):
+        """Where the camera's picture ends, as distances from the target: left, top, right, bottom. Often beyond every view."""
+        reach = self.rng.uniform(0.7, 8.0, 4)
+        return np.where(self.rng.random(4) < 0.5, reach, 99.0)
+
     def frame(self, time):
         """What one frame holds, apart from where it is seen from: views of one frame show the same things."""
         rng = self.rng
         target = self.target
-        if rng.random() < 0.35 * time:
+        if rng.random() < 0.25 * time:
             target = target.altered(rng, self.pool.fields, 0.5 * rng.random())
         things = []
         for sprite in self.neighbours:
-            if rng.random() < 0.75:
-                angle, distance = rng.uniform(0, 2 * np.pi), rng.uniform(1.15, 4.5)
+            if rng.random() < 0.8:
+                angle, distance = rng.uniform(0, 2 * np.pi), rng.uniform(1.15, self.reach)
                 position = distance * np.array([np.cos(angle), np.sin(angle)])
-                things.append((sprite, Pose(position, np.exp(rng.normal(0, 0.25)), np.exp(rng.normal(0, 0.1)),
+                things.append((sprite, Pose(position, np.exp(rng.normal(0, 0.15)), np.exp(rng.normal(0, 0.1)),
                                             rng.normal(0, 0.2), 0.0, 1.0)))
         cover = None
-        if time > 0 and rng.random() < 0.2:
+        if time > 0 and rng.random() < 0.1:
             offset = rng.normal(0, 0.6, 2)
             cover = (Sprite(rng, self.pool), Pose(offset, rng.uniform(0.4, 0.9), angle=rng.uniform(0, 6.3)))
         return {'time': time, 'target': target, 'pose': self.pose(time), 'things': things, 'cover': cover,
-                'ground': self._ground_at(time, None), 'seed': int(rng.integers(2 ** 31)),
-                'light': photometry.light(rng, 0.6 * time), 'degradation': self.degradation}
+                'ground': self._ground_at(time), 'edges': self._edges(), 'seed': int(rng.integers(2 ** 31)),
+                'light': photometry.light(rng, 1.2 * time), 'degradation': self.degradation}
 
     def view(self, frame, view):
         """The frame as seen in `view`: uint8, side x side x 3."""
@@ -144,51 +164,92 @@ class Scene:
             order.append(frame['cover'])
         for sprite, pose in order:
             _draw(rng, picture, sprite, pose, view)
-        picture = np.clip(picture, 0, 255).astype(np.uint8)
+        picture = _beyond_the_edges(np.clip(picture, 0, 255).astype(np.uint8), frame['edges'], view)
         picture = photometry.apply_light(photometry.apply_light(picture, self.light), frame['light'])
         if self.grey:
             picture = photometry.to_grey(picture)
         return photometry.degrade(rng, picture, frame['degradation'])
 
 
-def _varied(rng, picture):
+    def places(self, frame, view):
+        """Where the things of this scene stand in a view, as shares of it from its middle (x, y), and which are to be seen
+        there: FOLLOWED rows, the target, then neighbours, then spots of the ground."""
+        things = [(self.target, frame['pose'].position)] + [(sprite, pose.position) for sprite, pose in frame['things']]
+        to_world = frame['ground'][0]
+        if self.spots is None:
+            self.spots = self._free_spots(to_world, [position for _, position in things], view)
+        covers = [position for _, position in things]
+        if frame['cover'] is not None:
+            covers.append(frame['cover'][1].position)
+        rows = [things[0][1]]
+        for sprite in self.neighbours:
+            rows.append(next((position for other, position in things[1:] if other is sprite), None))
+        rows += [to_world[:, :2] @ spot + to_world[:, 2] for spot in self.spots]
+        places, seen = np.zeros((FOLLOWED, 2), np.float32), np.zeros(FOLLOWED, np.float32)
+        for index, position in enumerate(rows[:FOLLOWED]):
+            if position is None:
+                continue
+            places[index] = (position - view.centre) / view.span
+            gaps = [np.hypot(*(position - other)) for other in covers if other is not position]
+            inside = np.abs(places[index]).max() < 0.46
+            inside = inside and (-frame['edges'][:2] < position).all() and (position < frame['edges'][2:]).all()
+            seen[index] = index == 0 or (inside and min(gaps, default=9.0) > CLEAR_UNITS)
+        return places, seen
+
+    def _free_spots(self, to_world, covers, view):
+        """Up to FOLLOWED spots of the ground that nothing hides and that lie apart from each other."""
+        to_ground = np.linalg.inv(np.vstack([to_world, [0, 0, 1]]))
+        spots, taken = [], list(covers)
+        for _ in range(12):
+            position = view.centre + self.rng.uniform(-0.4, 0.4, 2) * view.span
+            spot = to_ground[:2, :2] @ position + to_ground[:2, 2]
+            apart = min(np.hypot(*(position - other)) for other in taken) > CLEAR_UNITS
+            if apart and (spot > 0).all() and (spot < self.ground.shape[0]).all():
+                spots.append(spot)
+                taken.append(position)
+        return spots
+
+
+def _varied(rng, picture, places):
     """One of the tracker's start variations of the template: mirrored, blurred or turned. The target stays in the middle."""
     kind = int(rng.integers(4))
     if kind == 0:
-        return picture[:, ::-1]
+        return picture[:, ::-1], places * (-1, 1)
     if kind == 1:
-        return cv2.GaussianBlur(picture, (0, 0), START_BLUR_PX, borderType=cv2.BORDER_REPLICATE)
+        return cv2.GaussianBlur(picture, (0, 0), START_BLUR_PX, borderType=cv2.BORDER_REPLICATE), places
     side = picture.shape[0]
     turn = cv2.getRotationMatrix2D((side / 2, side / 2), START_ROTATION_DEG if kind == 2 else -START_ROTATION_DEG, 1.0)
-    return cv2.warpAffine(picture, turn, (side, side), flags=cv2.INTER_LINEAR, borderMode=cv2.BORDER_REPLICATE)
+    turned = cv2.warpAffine(picture, turn, (side, side), flags=cv2.INTER_LINEAR, borderMode=cv2.BORDER_REPLICATE)
+    return turned, places @ turn[:, :2].T
 
 
 def clip(rng, pool, side=192, memory=1, tests=2):
-    """Training views and later views of one target.
+    """Training views and later views of one scene, with the places of FOLLOWED things: the target and others beside it.
 
     Returns `pictures` (3 + memory + tests + 1) x side x side x 3, uint8: the template, one shifted, one varied, then frames
-    of the memory, then test frames, and at last the first test frame once more, cut too wide or too narrow; `centres`, the
-    target's place relative to the middle of each view as a share of the view (x, y); `factor`, how many units a view at the
-    start spans; and `mismatch`, the logarithm of how much too wide the last view is.
+    of the memory, then test frames, and at last the first test frame once more, cut too wide or too narrow; `places`,
+    FOLLOWED x views x 2, where each thing stands relative to the middle of each view as a share of the view (x, y); `seen`,
+    FOLLOWED x views, 1 where it can be seen there; `factor`, how many units a view at the start spans; and `mismatch`, the
+    logarithm of how much too wide the last view is.
     """
-    scene = Scene(rng, pool)
-    factor = rng.uniform(4.5, 8.0)
+    scene = Scene(rng, pool, reach=1.15 + 2.85 * side / FULL_SIDE_PX)
+    factor = rng.uniform(4.5, 8.0) * side / FULL_SIDE_PX  # a small view shows less, at the same resolution
     start = scene.frame(0.0)
-    pictures, centres = [], []
+    pictures, places, seen = [], [], []
 
-    def add(picture, centre):
+    def add(picture, where):
         pictures.append(np.ascontiguousarray(picture))
-        centres.append(centre)
+        places.append(where[0])
+        seen.append(where[1])
 
-    def add_later(frame, offset, mismatch):
-        span = factor * frame['pose'].size * np.exp(mismatch)
-        add(scene.view(frame, View(-offset * span, span, side)), tuple(offset))
+    def add_view(frame, view):
+        add(scene.view(frame, view), scene.places(frame, view))
 
-    template = scene.view(start, View(np.zeros(2), factor, side))
-    add(template, (0.0, 0.0))
+    add_view(start, View(np.zeros(2), factor, side))
     shift = START_SHIFT / 2 * (1 if rng.random() < 0.5 else -1)
-    add(scene.view(start, View(np.full(2, shift * factor), factor, side)), (-shift, -shift))
-    add(_varied(rng, template), (0.0, 0.0))
+    add_view(start, View(np.full(2, shift * factor), factor, side))
+    varied, turned_places = _varied(rng, pictures[0], places[0])
+    add(varied, (turned_places, seen[0] * (np.abs(turned_places).max(1) < 0.46)))
 
     mismatch = rng.uniform(0.04, 0.16) * (1 if rng.random() < 0.5 else -1)
     doubted = None
@@ -196,12 +257,13 @@ def clip(rng, pool, side=192, memory=1, tests=2):
         frame = scene.frame(time)
         reach = 0.08 if i < memory else (0.1 if rng.random() < 0.5 else 0.3)
         offset = rng.uniform(-reach, reach, 2)
-        add_later(frame, offset, rng.normal(0, 0.015))
+        span = factor * frame['pose'].size
+        add_view(frame, View(-offset * span, span * np.exp(rng.normal(0, 0.015)), side))
         if i == memory:
-            doubted = frame, offset
-    add_later(*doubted, mismatch)
-    return {'pictures': np.stack(pictures), 'centres': np.array(centres, np.float32), 'factor': np.float32(factor),
-            'mismatch': np.float32(mismatch)}
+            doubted = frame, View(-offset * span, span * np.exp(mismatch), side)
+    add_view(*doubted)
+    return {'pictures': np.stack(pictures), 'places': np.stack(places, 1).astype(np.float32),
+            'seen': np.stack(seen, 1).astype(np.float32), 'factor': np.float32(factor), 'mismatch': np.float32(mismatch)}
 
 
 def _scattered(rng, pool):

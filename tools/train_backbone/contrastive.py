@@ -28,7 +28,8 @@ class Heads(nn.Module):
 
 def _sample(maps, places_px, side_px):
     """Values of `maps` (B x C x H x W) at `places_px` (B x K x 2, x and y of pixels): B x K x C, of length one."""
-    grid = (places_px + 0.5) * (2.0 / side_px) - 1.0
+    cells = maps.shape[-1]
+    grid = (2.0 * places_px * (cells / side_px) + 1.0) / cells - 1.0  # cell i stands over pixel i times the stride
     values = F.grid_sample(maps, grid[:, :, None], mode='bilinear', align_corners=False)
     return F.normalize(values[..., 0].transpose(1, 2), dim=2)
 

@@ -1,4 +1,4 @@
-"""Writes a trunk as ONNX: normalisation folded, dynamic batch, one output `features` at stride 8.
+"""Writes a trunk as ONNX, and reads one back: normalisation folded, dynamic batch, one output `features` at stride 8.
 
 The graph is Sub, Mul, Conv, Relu, MaxPool, Add, Resize, opset 13. Mean and deviation stand in front as operations of
 their own, so that the zero padding of the first convolution is exact at the border.
@@ -66,7 +66,7 @@ def to_onnx(trunk, side, notes):
         coarse = graph.convolution(coarse, trunk.neck_coarse, None, 'neck_coarse')
         scales = graph.constant('scales', np.array([1, 1, 2, 2], np.float32))
         coarse = graph.node('Resize', [coarse, '', scales], 'coarse_upsampled', mode='linear',
-                            coordinate_transformation_mode='half_pixel')
+                            coordinate_transformation_mode='asymmetric')
         graph.node('Add', [fine, coarse], 'features')
     else:
         graph.convolution(x, trunk.neck_fine, None, 'features')
@@ -85,3 +85,39 @@ def write(trunk, path, side=192, notes=None):
     part = path + '.part'
     onnx.save(to_onnx(trunk, side, notes or {}), part)
     os.replace(part, path)
+
+
+def _fill(weights, name, conv, norm):
+    """Sets a convolution from a folded one; its normalisation, where it has one, is left with the bias alone."""
+    with torch.no_grad():
+        conv.weight.copy_(weights[name + '.weight'])
+        bias = weights[name + '.bias']
+        if norm is None:
+            if conv.bias is not None:
+                conv.bias.copy_(bias)
+            return
+        norm.running_mean.zero_()
+        norm.running_var.fill_(1.0 - norm.eps)
+        norm.weight.fill_(1.0)
+        norm.bias.copy_(bias)
+
+
+def read(path):
+    """The trunk that `write` wrote. Training goes on from it with frozen statistics, that is in the second stage."""
+    weights = {tensor.name: torch.from_numpy(numpy_helper.to_array(tensor).copy())
+               for tensor in onnx.load(path).graph.initializer}
+    joined = 'neck_coarse.weight' in weights
+    neck = 'neck_fine' if joined else 'features'
+    trunk = network.Trunk(weights[neck + '.weight'].shape[0], 'joined' if joined else 'stage')
+    _fill(weights, 'conv1', trunk.conv1, trunk.bn1)
+    for stage in ('layer1', 'layer2', 'layer3') if joined else ('layer1', 'layer2'):
+        for index, block in enumerate(getattr(trunk, stage)):
+            name = f'{stage}.{index}'
+            _fill(weights, name + '.conv1', block.conv1, block.bn1)
+            _fill(weights, name + '.conv2', block.conv2, block.bn2)
+            if block.shortcut is not None:
+                _fill(weights, name + '.shortcut', *block.shortcut)
+    _fill(weights, neck, trunk.neck_fine, None)
+    if joined:
+        _fill(weights, 'neck_coarse', trunk.neck_coarse, None)
+    return trunk

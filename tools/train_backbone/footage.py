@@ -50,7 +50,7 @@ def batches(make, seed, stage, batch_size, start, workers):
     return iter(DataLoader(footage, batch_size=None, num_workers=workers, prefetch_factor=4 if workers else 2))
 
 
-def validation_clips(seed, count, make=clips.clip):
-    """Fixed clips that training never sees."""
+def validation(seed, count, make):
+    """Fixed batches of one that training never sees."""
     pool = PicturePool(seed + VALIDATION_SEED_OFFSET, size=64)
     return [_stack([_tensor(make(np.random.default_rng((seed + VALIDATION_SEED_OFFSET, i)), pool))]) for i in range(count)]

@@ -57,10 +57,17 @@ def _stem_filters(weight):
             weight[index] = kernel * (weight[index].norm() / kernel.norm())
 
 
+def upsampled(coarse):
+    """Twice as many cells. A cell of stride 16 stands over every second cell of stride 8, starting with the first."""
+    height, width = coarse.shape[-2:]
+    size = (2 * height + 1, 2 * width + 1)
+    return F.interpolate(F.pad(coarse, (0, 1, 0, 1), mode='replicate'), size, mode='bilinear', align_corners=True)[..., :-1, :-1]
+
+
 class Trunk(nn.Module):
     """`geometry`: 'stage' reads the stage of stride 8 alone, 'joined' adds the next stage, upsampled."""
 
-    def __init__(self, channels=128, geometry='joined'):
+    def __init__(self, channels=128, geometry='stage'):
         super().__init__()
         self.geometry, self.channels = geometry, channels
         self.conv1 = nn.Conv2d(3, 64, 7, 2, 3, bias=False)
@@ -84,8 +91,7 @@ class Trunk(nn.Module):
     def join(self, fine, coarse):
         y = self.neck_fine(fine)
         if self.geometry == 'joined':
-            z = F.interpolate(self.neck_coarse(coarse), scale_factor=2, mode='bilinear', align_corners=False)
-            y = y + z
+            y = y + upsampled(self.neck_coarse(coarse))
         return y
 
     def forward(self, x):
@@ -109,7 +115,7 @@ class Trunk(nn.Module):
             fine, coarse = self.stages(batch)
             both = fine
             if self.geometry == 'joined':
-                both = torch.cat([fine, F.interpolate(coarse, scale_factor=2, mode='bilinear', align_corners=False)], 1)
+                both = torch.cat([fine, upsampled(coarse)], 1)
             cells = both.permute(0, 2, 3, 1).reshape(-1, both.shape[1]).double()
             total, outer, count = total + cells.sum(0), outer + cells.T @ cells, count + cells.shape[0]
         mean = total / count

@@ -13,6 +13,8 @@ import cv2
 import numpy as np
 
 FIELD_SIDE_PX = 512
+FIELD_KINDS = 6
+ROUGH_KINDS = (0, 3, 4, 5)  # of the kinds in `make_fields`: noise, cells, strokes
 
 
 def _to_bytes(values):
@@ -86,7 +88,7 @@ def _strokes(rng):
     return grey
 
 
-def make_fields(rng, count=72):
+def make_fields(rng, count):
     """The fields that textures are cut from."""
     kinds = (lambda r: _spectral_noise(r, r.uniform(0.4, 2.2)), _stripes, _tiles, _cells, _strokes,
              lambda r: _spectral_noise(r, r.uniform(0.8, 1.6)))
@@ -186,9 +188,26 @@ def _leaves(rng, fields, picture, count, smallest, largest, exponent=2.0):
             cv2.fillPoly(picture, [np.round(points * 16).astype(np.int32)], colour, cv2.LINE_AA, 4)
 
 
+def _natural(rng, fields, side):
+    """Rock, scrub, water, foliage: layers of noise that show through each other along ragged edges."""
+    rough = [fields[i] for i in range(len(fields)) if i % FIELD_KINDS in ROUGH_KINDS]
+    result = texture(rng, rough, side, side)
+    tone = result.mean((0, 1))
+    for _ in range(int(rng.integers(2, 7))):
+        layer = texture(rng, rough, side, side).astype(np.float32)
+        layer += rng.uniform(0.0, 0.9) * (tone - layer.mean((0, 1)))  # a place has its colours
+        edge = texture(rng, rough, side, side)[..., 0].astype(np.float32)
+        edge = edge * 0.6 + 0.4 * cv2.resize(rng.uniform(0, 255, (4, 4)).astype(np.float32), (side, side), interpolation=cv2.INTER_CUBIC)
+        cover = np.clip((edge - np.percentile(edge, rng.uniform(30, 85))) / rng.uniform(2, 25) + 0.5, 0, 1)[..., None]
+        result = np.clip(result + cover * (layer - result), 0, 255).astype(np.uint8)
+    return result
+
+
 def _ground(rng, fields, side):
     kind = rng.random()
-    if kind < 0.6:
+    if kind < 0.5:
+        return _natural(rng, fields, side)
+    if kind < 0.75:
         return texture(rng, fields, side, side)
     picture = texture(rng, fields, side, side)  # land below a sky
     horizon = int(rng.uniform(0.1, 0.7) * side)
@@ -201,10 +220,10 @@ def _ground(rng, fields, side):
 def picture(rng, fields, side=512):
     """A layered scene of `side` x `side` pixels."""
     result = _ground(rng, fields, side)
-    density = np.exp(rng.uniform(np.log(20), np.log(320)))
+    density = np.exp(rng.uniform(np.log(6), np.log(320)))
     _leaves(rng, fields, result, int(density), rng.uniform(4, 20), rng.uniform(80, 260), rng.uniform(1.5, 3.0))
     if rng.random() < 0.5:  # clutter of small things
-        _leaves(rng, fields, result, int(rng.integers(30, 250)), 2.0, 24.0, 2.0)
+        _leaves(rng, fields, result, int(rng.integers(30, 900)), 1.5, 24.0, 2.5)
     if rng.random() < 0.3:
         result = cv2.GaussianBlur(result, (0, 0), rng.uniform(0.4, 2.5))
     if rng.random() < 0.5:  # uneven light
@@ -216,9 +235,9 @@ def picture(rng, fields, side=512):
 class PicturePool:
     """A changing set of pictures: which picture stands where follows from the seed and the count of draws alone."""
 
-    def __init__(self, seed, size=192, side=512):
+    def __init__(self, seed, size=192, side=512, fields=72):
         self.seed, self.size, self.side = seed, size, side
-        self.fields = make_fields(np.random.default_rng((seed, 1)))
+        self.fields = make_fields(np.random.default_rng((seed, 1)), fields)
         self.pictures = [self._make(i) for i in range(size)]
         self.made = size
 

@@ -3,6 +3,7 @@
 
     train.py --out DIR                    both stages with the defaults; go on where DIR was left
     train.py --out DIR --minutes 30       stop after 30 minutes, to go on later
+    train.py --out DIR --start FILE       a new second stage on the weights of a written model
     train.py --out DIR --export FILE      write the averaged weights of DIR as ONNX and end
 
 DIR takes snapshot.pt, journal.tsv, curves.png. It can be stopped at any time (Ctrl-C, SIGTERM): it saves and ends.
@@ -15,6 +16,7 @@ import os
 import signal
 import sys
 import time
+from functools import partial
 
 import numpy as np
 import torch
@@ -27,9 +29,13 @@ import footage
 import journal
 from network import Trunk
 
-STAGES = ('contrastive', 'filter')
+STAGES = ('contrastive', 'filter', 'frozen')
+KEPT_OPTIONS = ('geometry', 'channels', 'seed')  # a training goes on with those it was begun with
 TESTS = 2              # later views of a clip that the filter is judged on
-VALIDATION_CLIPS = 48
+VALIDATION_BATCHES = 64
+SAVE_EVERY = 100       # steps
+VALIDATE_EVERY = 500
+STATISTICS_MOMENTUM = 0.02
 AVERAGE_DECAY = 0.998  # of the running mean of the weights
 
 
@@ -37,19 +43,23 @@ def parse(arguments):
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument('--out', required=True, help='folder of the training')
     parser.add_argument('--seed', type=int, default=1)
-    parser.add_argument('--geometry', choices=('stage', 'joined'), default='joined')
+    parser.add_argument('--geometry', choices=('stage', 'joined'), default='stage')
     parser.add_argument('--channels', type=int, default=128)
-    parser.add_argument('--contrastive-steps', type=int, default=2400)
-    parser.add_argument('--filter-steps', type=int, default=30000)
+    parser.add_argument('--contrastive-steps', type=int, default=1500)
+    parser.add_argument('--filter-steps', type=int, default=20000)
+    parser.add_argument('--frozen-steps', type=int, default=5000)
     parser.add_argument('--pairs', type=int, default=8, help='pairs in a batch of the first stage')
-    parser.add_argument('--clips', type=int, default=2, help='clips in a batch of the second stage')
+    parser.add_argument('--clips', type=int, default=6, help='clips in a batch of the second stage')
+    parser.add_argument('--side', type=int, default=128, help='pixels of a view in the second stage')
     parser.add_argument('--contrastive-rate', type=float, default=1e-3)
-    parser.add_argument('--filter-rate', type=float, default=4e-4)
+    parser.add_argument('--filter-rate', type=float, default=5e-4)
+    parser.add_argument('--frozen-rate', type=float, default=5e-5)
     parser.add_argument('--minutes', type=float, default=math.inf, help='stop after so long')
     parser.add_argument('--threads', type=int, default=0, help='of the solver; 0: all')
     parser.add_argument('--workers', type=int, default=1, help='processes that make footage')
     parser.add_argument('--device', default='cuda' if torch.cuda.is_available() else 'cpu')
     parser.add_argument('--float32', action='store_true', help='no bfloat16 inside the trunk')
+    parser.add_argument('--start', metavar='FILE', help='an ONNX model of --export; where DIR has a snapshot, that counts')
     parser.add_argument('--export', metavar='FILE', help='write the averaged weights as ONNX and end')
     return parser.parse_args(arguments)
 
@@ -72,8 +82,13 @@ class Training:
     def _restore(self):
         state = journal.load(self.snapshot, self.options.device)
         if state is None:
-            self.begin(STAGES[0])
+            if self.options.start:
+                self.trunk.load_state_dict(export.read(self.options.start).state_dict())
+            self.begin(STAGES[2] if self.options.start else STAGES[0])
             return
+        for name in KEPT_OPTIONS:
+            if state['options'][name] != getattr(self.options, name):
+                raise SystemExit(f'train.py: {self.snapshot} was made with --{name} {state["options"][name]}')
         self.trunk.load_state_dict(state['trunk'])
         self.heads.load_state_dict(state['heads'])
         self.begin(state['stage'])
@@ -86,20 +101,24 @@ class Training:
         journal.save(self.snapshot, {
             'trunk': self.trunk.state_dict(), 'heads': self.heads.state_dict(), 'average': self.average.state_dict(),
             'optimiser': self.optimiser.state_dict(), 'generator': self.generator.get_state(), 'stage': self.stage,
-            'step': self.step, 'minutes': self.minutes})
+            'step': self.step, 'minutes': self.minutes,
+            'options': {name: getattr(self.options, name) for name in KEPT_OPTIONS}})
 
     def begin(self, stage):
         self.stage, self.step = stage, 0
         weights = list(self.trunk.parameters()) + (list(self.heads.parameters()) if stage == STAGES[0] else [])
         self.optimiser = torch.optim.AdamW(weights, lr=1e-3, weight_decay=1e-4)
         self.average = copy.deepcopy(self.trunk).eval()
+        for module in self.trunk.modules():
+            if isinstance(module, torch.nn.BatchNorm2d):
+                module.momentum = STATISTICS_MOMENTUM
 
     def steps(self):
-        return self.options.contrastive_steps if self.stage == STAGES[0] else self.options.filter_steps
+        return getattr(self.options, self.stage + '_steps')
 
     def set_rate(self):
         """Short rise, then a cosine down to a fiftieth."""
-        top = self.options.contrastive_rate if self.stage == STAGES[0] else self.options.filter_rate
+        top = getattr(self.options, self.stage + '_rate')
         share = min(1.0, self.step / max(self.steps(), 1))
         rate = top * min(1.0, (self.step + 1) / 100) * (0.02 + 0.49 * (1 + math.cos(math.pi * share)))
         for group in self.optimiser.param_groups:
@@ -130,7 +149,7 @@ class Training:
 
     def advance(self, batch):
         self.trunk.train()
-        if self.stage == STAGES[1]:
+        if self.stage == STAGES[2]:
             self.trunk.freeze_statistics()
         rate = self.set_rate()
         loss, figures = self.loss(self.placed(batch))
@@ -145,14 +164,18 @@ class Training:
 
     @torch.no_grad()
     def validate(self, batches):
-        """Figures of the averaged weights on the validation clips."""
+        """Figures of the averaged weights on footage that is never trained on: pairs in the first stage, then clips."""
         generator = torch.Generator().manual_seed(0)
-        rows = [filter_learning.filter_loss(self.average, self.placed(batch), TESTS, generator)[1] for batch in batches]
+        if self.stage == STAGES[0]:
+            rows = [contrastive.contrastive_loss(self.average, self.heads, self.placed(batch), generator)[1] for batch in batches]
+        else:
+            rows = [filter_learning.filter_loss(self.average, self.placed(batch), TESTS, generator)[1] for batch in batches]
         return {'valid_' + name: float(np.mean([float(row[name]) for row in rows])) for name in rows[0]}
 
     @torch.no_grad()
     def settle(self):
-        """Between the stages: takes the averaged weights, gathers the statistics anew on clips, sets the neck."""
+        """Between two stages: takes the averaged weights and gathers the statistics anew on clips; behind the first stage it
+        also sets the neck."""
         make = iter(footage.batches(clips.clip, self.options.seed, 7, 4, 0, 0))
         inputs = [self.placed(next(make))['pictures'].flatten(0, 1) for _ in range(16)]
         self.trunk.load_state_dict(self.average.state_dict())
@@ -164,7 +187,8 @@ class Training:
         for batch in inputs:
             self.trunk.stages(batch)
         self.trunk.eval()
-        self.trunk.set_neck(inputs)
+        if self.stage == STAGES[0]:
+            self.trunk.set_neck(inputs)
 
 
 class Watch:
@@ -185,7 +209,7 @@ class Watch:
 def run_stage(training, book, watch, validation):
     options = training.options
     first = training.stage == STAGES[0]
-    make, size = (clips.pair, options.pairs) if first else (clips.clip, options.clips)
+    make, size = (clips.pair, options.pairs) if first else (partial(clips.clip, side=options.side), options.clips)
     source = footage.batches(make, options.seed, STAGES.index(training.stage), size, training.step, options.workers)
     sums, start, before = {}, time.monotonic(), training.minutes
     while training.step < training.steps() and not watch.over():
@@ -195,12 +219,12 @@ def run_stage(training, book, watch, validation):
         if training.step % 50 == 0:
             figures = {name: float(np.mean(values)) for name, values in sums.items()}
             sums = {}
-            if training.step % 500 == 0 and not first:
+            if training.step % VALIDATE_EVERY == 0:
                 figures.update(training.validate(validation))
             book.add(training.stage, training.step, training.minutes, figures)
             print(training.stage, training.step, f'{training.minutes:.1f} min',
                   ' '.join(f'{name} {value:.4g}' for name, value in figures.items()), flush=True)
-        if training.step % 500 == 0:
+        if training.step % SAVE_EVERY == 0:
             training.save()
             book.draw()
     training.save()
@@ -214,23 +238,22 @@ def main(arguments):
     os.makedirs(options.out, exist_ok=True)
     training = Training(options)
     if options.export:
+        if training.stage == STAGES[0]:
+            raise SystemExit(f'train.py: {options.out} has no trunk to write yet: the first stage is not through')
         notes = {'training': f'seed {options.seed}, {training.stage} step {training.step}'}
         export.write(training.average.cpu().eval(), options.export, notes=notes)
         return 0
     book = journal.Journal(options.out)
     book.forget_after(training.stage, training.step)
     watch = Watch(options.minutes)
-    validation = footage.validation_clips(options.seed, VALIDATION_CLIPS)
-    if training.stage == STAGES[0]:
+    while True:
+        validation = footage.validation(options.seed, VALIDATION_BATCHES, clips.pair if training.stage == STAGES[0] else clips.clip)
         run_stage(training, book, watch, validation)
-        if training.step >= training.steps() and not watch.over():
-            training.settle()
-            training.begin(STAGES[1])
-            book.add(training.stage, 0, training.minutes, training.validate(validation))
-            training.save()
-    if training.stage == STAGES[1]:
-        run_stage(training, book, watch, validation)
-    return 0
+        if training.step < training.steps() or watch.over() or training.stage == STAGES[-1]:
+            return 0
+        training.settle()
+        training.begin(STAGES[STAGES.index(training.stage) + 1])
+        training.save()
 
 
 if __name__ == '__main__':

@@ -17,6 +17,7 @@ import export
 import filter_learning
 import footage
 import journal
+import network
 import textures
 import train
 from network import FEATURE_NORM, Trunk
@@ -24,7 +25,7 @@ from network import FEATURE_NORM, Trunk
 
 class SmallPool(textures.PicturePool):
     def __init__(self, seed=3):
-        super().__init__(seed, size=3, side=256)
+        super().__init__(seed, size=3, side=256, fields=textures.FIELD_KINDS)
 
 
 POOL = SmallPool()
@@ -64,6 +65,42 @@ class Pictures(unittest.TestCase):
             found = np.array([x.mean(), y.mean()]) + 0.5
             np.testing.assert_allclose(found, (offset + 0.5) * 192, atol=1.5)
 
+    def test_all_followed_things_stand_where_a_clip_says(self):
+        """Each thing and each spot of the ground is drawn alone in white; its pixels lie around its place in every view."""
+        checked = 0
+        for seed in range(6):
+            rng = np.random.default_rng(seed)
+            scene = clips.Scene(rng, POOL)
+            start = scene.frame(0.0)
+            scene.places(start, clips.View(np.zeros(2), 6.0, 192))
+            for frame in (start, scene.frame(0.7)):
+                view = clips.View(rng.uniform(-0.5, 0.5, 2), 6.3, 192)
+                places, seen = scene.places(frame, view)
+                to_ground = np.linalg.inv(np.vstack([clips._compose(view.to_pixels(), frame['ground'][0]), [0, 0, 1]]))
+                first_spot = 1 + len(scene.neighbours)
+                for index in range(first_spot, min(clips.FOLLOWED, first_spot + len(scene.spots))):
+                    found = to_ground @ (*((places[index] + 0.5) * 192), 1.0)
+                    np.testing.assert_allclose(found[:2], scene.spots[index - first_spot], atol=0.1)
+                for sprite, pose in frame['things']:
+                    index = 1 + next(i for i, other in enumerate(scene.neighbours) if other is sprite)
+                    if index < clips.FOLLOWED and seen[index]:
+                        np.testing.assert_allclose((places[index] + 0.5) * 192, view.to_pixels() @ (*pose.position, 1.0), atol=0.01)
+                        checked += 1
+        self.assertGreater(checked, 3)
+
+    def test_a_varied_template_takes_the_places_along(self):
+        """A white dot in a black template is found where the varied places say, for mirror and both turns."""
+        kinds = set()
+        for seed in range(24):
+            picture = np.zeros((192, 192, 3), np.uint8)
+            place = np.array([[0.2, -0.1]])
+            cv2.circle(picture, tuple(np.round((place[0] + 0.5) * 192).astype(int).tolist()), 5, (255, 255, 255), -1)
+            varied, places = clips._varied(np.random.default_rng(seed), picture, place)
+            y, x = np.nonzero(varied[..., 0] > 100)
+            np.testing.assert_allclose((places[0] + 0.5) * 192, (x.mean(), y.mean()), atol=1.6)
+            kinds.add(tuple(np.round(places[0], 3)))
+        self.assertEqual(len(kinds), 4)
+
     def test_the_warp_of_a_pair_takes_points_to_their_match(self):
         """Flat patches seen through both views of a pair: the colour at a point and at its match agree."""
         calm = {'gain': 1.0, 'offset': 0.0, 'tint': np.ones(3), 'gamma': 1.0, 'saturation': 1.0}
@@ -93,54 +130,73 @@ class FilterLearning(unittest.TestCase):
         torch.set_default_dtype(torch.float32)
 
     def test_correlation_is_the_padded_one_with_the_window_two_cells_up_and_left(self):
-        features, weights = torch.randn(1, 2, 3, 6, 7), torch.randn(1, 3, 4, 4)
-        expected = torch.nn.functional.conv2d(torch.nn.functional.pad(features[0], (2, 1, 2, 1)), weights)[:, 0]
-        torch.testing.assert_close(filter_learning.correlate(features, weights)[0], expected)
+        features, weights = torch.randn(1, 2, 3, 6, 7), torch.randn(1, 2, 3, 4, 4)
+        expected = torch.nn.functional.conv2d(torch.nn.functional.pad(features[0], (2, 1, 2, 1)), weights[0])
+        torch.testing.assert_close(filter_learning.correlate(features, weights)[0], expected.transpose(0, 1))
 
     def test_back_correlation_is_the_transpose(self):
-        features, weights, responses = torch.randn(2, 3, 5, 6, 6), torch.randn(2, 5, 4, 4), torch.randn(2, 3, 6, 6)
+        features, weights, responses = torch.randn(2, 3, 5, 6, 6), torch.randn(2, 2, 5, 4, 4), torch.randn(2, 2, 3, 6, 6)
         left = (filter_learning.correlate(features, weights) * responses).sum()
         right = (weights * filter_learning.back_correlate(features, responses)).sum()
         torch.testing.assert_close(left, right)
 
-    def test_the_filter_solves_the_ridge_regression(self):
+    def solved(self, function):
         steps, filter_learning.SOLVER_STEPS = filter_learning.SOLVER_STEPS, 60
         try:
-            features, targets = torch.randn(1, 2, 2, 5, 5), torch.rand(1, 2, 5, 5)
-            weights = torch.full((1, 2, 1, 1), 0.5)
-            found = filter_learning.ridge_filter(features, weights, targets)
-            columns = [filter_learning.correlate(features, unit.reshape(1, 2, 4, 4)).flatten() for unit in torch.eye(32)]
-            matrix = torch.stack(columns, 1)
-            dense = torch.linalg.solve(0.5 * matrix.T @ matrix + filter_learning.REGULARISATION * torch.eye(32),
-                                       0.5 * matrix.T @ targets.flatten())
-            torch.testing.assert_close(found.flatten(), dense, rtol=1e-7, atol=1e-9)
+            return function()
         finally:
             filter_learning.SOLVER_STEPS = steps
+
+    def test_the_filters_solve_the_ridge_regression_each_with_its_own_weights(self):
+        features, targets = torch.randn(1, 2, 2, 5, 5), torch.rand(1, 2, 2, 5, 5)
+        weights = torch.tensor([[0.5, 0.5], [1.0, 0.0]])[None, ..., None, None]
+        found = self.solved(lambda: filter_learning.ridge_filter(features, weights, targets))
+        columns = [filter_learning.correlate(features, unit.reshape(1, 1, 2, 4, 4)).flatten() for unit in torch.eye(32)]
+        matrix = torch.stack(columns, 1)
+        for k in range(2):
+            weight = weights[0, k].expand(2, 5, 5).flatten()
+            dense = torch.linalg.solve(matrix.T @ (weight[:, None] * matrix) + filter_learning.REGULARISATION * torch.eye(32),
+                                       matrix.T @ (weight * targets[0, k].flatten()))
+            torch.testing.assert_close(found[0, k].flatten(), dense, rtol=1e-7, atol=1e-9)
 
     def test_gradients_through_the_filter_equal_differences(self):
-        steps, filter_learning.SOLVER_STEPS = filter_learning.SOLVER_STEPS, 60
-        try:
-            features, later = torch.randn(1, 2, 2, 4, 4, requires_grad=True), torch.randn(1, 1, 2, 4, 4)
-            targets, weights = torch.rand(1, 2, 4, 4), torch.full((1, 2, 1, 1), 0.5)
-            function = lambda f: filter_learning.correlate(later, filter_learning.ridge_filter(f, weights, targets)).square().sum()
-            self.assertTrue(torch.autograd.gradcheck(function, (features,)))
-        finally:
-            filter_learning.SOLVER_STEPS = steps
+        features, later = torch.randn(1, 2, 2, 4, 4, requires_grad=True), torch.randn(1, 1, 2, 4, 4)
+        targets, weights = torch.rand(1, 2, 2, 4, 4), torch.full((1, 2, 2, 1, 1), 0.5)
+
+        def function(f):
+            return filter_learning.correlate(later, filter_learning.ridge_filter(f, weights, targets)).square().sum()
+
+        self.assertTrue(self.solved(lambda: torch.autograd.gradcheck(function, (features,))))
 
     def test_a_label_peaks_half_a_cell_beyond_the_target(self):
-        label = filter_learning.labels(torch.tensor([[[0.0, 0.0], [0.25, -0.125]]]), torch.tensor([7.0]), 24)[0]
+        label = filter_learning.labels(torch.tensor([[[[0.0, 0.0], [0.25, -0.125]]]]), torch.tensor([7.0]), 24)[0, 0]
         self.assertEqual(divmod(int(label[0].argmax()), 24), (12, 12))
         self.assertEqual(divmod(int(label[1].argmax()), 24), (9, 18))
 
     def test_a_response_at_the_target_is_a_hit_and_one_beside_it_is_not(self):
-        response = torch.zeros(1, 1, 24, 24)
-        response[0, 0, 12, 13] = 1
-        self.assertEqual(float(filter_learning.hits(response, torch.zeros(1, 1, 2))), 1.0)
-        self.assertEqual(float(filter_learning.hits(response, torch.full((1, 1, 2), 0.2))), 0.0)
+        response, seen = torch.zeros(1, 1, 1, 24, 24), torch.ones(1, 1, 1)
+        response[..., 12, 13] = 1
+        self.assertEqual(float(filter_learning.hits(response, torch.zeros(1, 1, 1, 2), seen)), 1.0)
+        self.assertEqual(float(filter_learning.hits(response, torch.full((1, 1, 1, 2), 0.2), seen)), 0.0)
 
+    def test_what_cannot_be_seen_costs_nothing(self):
+        label = filter_learning.labels(torch.zeros(1, 2, 1, 2), torch.tensor([7.0]), 24)
+        response = torch.cat([label[:, :1], torch.randn(1, 1, 1, 24, 24)], 1)
+        unseen = filter_learning.losses_of_response(response, label, torch.tensor([[[1.0], [0.0]]]))
+        self.assertLess(float(unseen['squared']), 0.02)
+        seen = filter_learning.losses_of_response(response, label, torch.ones(1, 2, 1))
+        self.assertGreater(float(seen['squared']), 1.0)
+
+    def test_a_rival_costs_what_the_peak_does_not_lead_by(self):
+        label = filter_learning.labels(torch.zeros(1, 1, 1, 2), torch.tensor([7.0]), 24)
+        rival = label.clone()
+        rival[..., 3, 20] = 0.9
+        losses = [filter_learning.losses_of_response(r, label, torch.ones(1, 1, 1))['lead'] for r in (label, rival)]
+        self.assertEqual(float(losses[0]), 0.0)
+        self.assertAlmostEqual(float(losses[1]), filter_learning.LEAD + 0.9 - float(label.max()), places=5)
 
     def test_a_peak_that_falls_enough_at_the_wrong_size_costs_nothing(self):
-        label = filter_learning.labels(torch.zeros(1, 1, 2), torch.tensor([7.0]), 24)[:, 0]
+        label = filter_learning.labels(torch.zeros(1, 1, 1, 2), torch.tensor([7.0]), 24)[:, 0, 0]
         mismatch = torch.tensor([0.12])
         fallen, ordered = filter_learning.loss_of_size(label, 0.6 * label, label, label, mismatch)
         equal, tied = filter_learning.loss_of_size(label, label, label, label, mismatch)
@@ -169,6 +225,13 @@ class Network(unittest.TestCase):
             correlation = torch.corrcoef(cells.T) - torch.eye(32)
             self.assertLess(float(correlation.abs().max()), 0.05)
 
+    def test_a_coarse_cell_lies_on_every_second_fine_one(self):
+        coarse = torch.randn(1, 2, 3, 4)
+        fine = network.upsampled(coarse)
+        torch.testing.assert_close(fine[..., ::2, ::2], coarse)
+        torch.testing.assert_close(fine[..., ::2, 1:-1:2], (coarse[..., :-1] + coarse[..., 1:]) / 2)
+        torch.testing.assert_close(fine[..., ::2, -1], coarse[..., -1])
+
     def test_the_written_model_computes_what_the_trunk_computes(self):
         for geometry in ('stage', 'joined'):
             trunk = self.trunk(geometry)
@@ -178,13 +241,22 @@ class Network(unittest.TestCase):
                 path = os.path.join(folder, 'trunk.onnx')
                 export.write(trunk, path, side=64, notes={'note': 'of a test'})
                 reader = cv2.dnn.readNetFromONNX(path)
+                again = export.read(path).eval()
             reader.setInput(picture.numpy())
             with torch.no_grad():
                 expected = trunk(picture).numpy()
+                np.testing.assert_allclose(again(picture).numpy(), expected, atol=1e-4 * np.abs(expected).max())
             np.testing.assert_allclose(reader.forward(), expected, atol=2e-3 * np.abs(expected).max())
 
 
 class Contrastive(unittest.TestCase):
+    def test_a_cell_stands_over_the_pixel_at_its_index_times_the_stride(self):
+        maps = torch.zeros(1, 2, 12, 12)
+        maps[0, 0], maps[0, 1, 5, 7] = 0.1, 1.0
+        found = contrastive._sample(maps, torch.tensor([[[56.0, 40.0], [48.0, 40.0]]]), 96)[0]
+        self.assertGreater(float(found[0, 1]), 0.99)
+        self.assertAlmostEqual(float(found[1, 1]), 0.0, places=5)
+
     def test_equal_maps_are_matched_and_unrelated_ones_are_not(self):
         torch.manual_seed(1)
         first = torch.randn(2, 16, 12, 12)
@@ -209,12 +281,12 @@ class Running(unittest.TestCase):
     def run_training(self, folder, *more):
         pools = footage.PicturePool
         footage.PicturePool = lambda seed, **_: SmallPool(seed)
-        count, train.VALIDATION_CLIPS = train.VALIDATION_CLIPS, 1
+        count, train.VALIDATION_BATCHES = train.VALIDATION_BATCHES, 1
         try:
             train.main(['--out', folder, '--workers', '0', '--pairs', '1', '--clips', '1', '--channels', '16',
-                        '--contrastive-steps', '2', '--filter-steps', '3', '--device', 'cpu', *more])
+                        '--contrastive-steps', '2', '--filter-steps', '2', '--frozen-steps', '3', '--side', '64', '--device', 'cpu', *more])
         finally:
-            footage.PicturePool, train.VALIDATION_CLIPS = pools, count
+            footage.PicturePool, train.VALIDATION_BATCHES = pools, count
 
     def test_it_goes_through_both_stages_stops_resumes_and_writes_a_model(self):
         with tempfile.TemporaryDirectory() as folder:
@@ -223,12 +295,25 @@ class Running(unittest.TestCase):
             self.assertEqual((state['stage'], state['step']), ('contrastive', 0))
             self.run_training(folder)
             state = journal.load(os.path.join(folder, 'snapshot.pt'), 'cpu')
-            self.assertEqual((state['stage'], state['step']), ('filter', 3))
+            self.assertEqual((state['stage'], state['step']), ('frozen', 3))
             path = os.path.join(folder, 'trunk.onnx')
             self.run_training(folder, '--export', path)
             reader = cv2.dnn.readNetFromONNX(path)
             reader.setInput(np.zeros((1, 3, 192, 192), np.float32))
             self.assertEqual(reader.forward().shape, (1, 16, 24, 24))
+            more = os.path.join(folder, 'more')
+            self.run_training(more, '--start', path, '--frozen-steps', '1')
+            state = journal.load(os.path.join(more, 'snapshot.pt'), 'cpu')
+            self.assertEqual((state['stage'], state['step']), ('frozen', 1))
+
+    def test_it_refuses_other_options_than_it_was_begun_with_and_to_write_what_is_not_there(self):
+        with tempfile.TemporaryDirectory() as folder:
+            with self.assertRaisesRegex(SystemExit, 'first stage is not through'):
+                self.run_training(folder, '--export', os.path.join(folder, 'trunk.onnx'))
+            self.assertFalse(os.path.exists(os.path.join(folder, 'trunk.onnx')))
+            self.run_training(folder, '--minutes', '0')
+            with self.assertRaisesRegex(SystemExit, 'was made with --geometry stage'):
+                self.run_training(folder, '--geometry', 'joined')
 
     def test_a_journal_forgets_what_was_written_after_the_snapshot(self):
         with tempfile.TemporaryDirectory() as folder:
