@@ -3,7 +3,7 @@
 #include <host_cuda/control.h>
 
 #include "execution_context.h"
-#include "log.h"
+#include "faults.h"
 
 namespace ostrel::tensorrt_onednn {
 

@@ -6,7 +6,9 @@
 #include <memory>
 #include <vector>
 
-#include "io_tensors.h"
+#include <io_tensors.h>
+
+#include "network.h"
 
 namespace ostrel::tensorrt_onednn {
 

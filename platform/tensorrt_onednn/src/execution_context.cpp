@@ -6,24 +6,13 @@
 #include <array>
 
 #include <onnx_graph/shape_inference.h>
-#include "log.h"
+#include "faults.h"
 
 namespace ostrel::tensorrt_onednn {
 namespace {
 
 constexpr std::size_t kMostPlans = 8;
 constexpr std::uintptr_t kAddressAlignment = 256;
-
-bool all_known(const std::vector<Sizes>& sizes) {
-  return std::all_of(sizes.begin(), sizes.end(), [](const Sizes& tensor) {
-    return std::all_of(tensor.begin(), tensor.end(), [](std::int64_t size) { return size >= 0; });
-  });
-}
-
-bool same(const Sizes& sizes, nvinfer1::Dims const& dims) {
-  return sizes.size() == static_cast<std::size_t>(dims.nbDims) &&
-         std::equal(sizes.begin(), sizes.end(), dims.d);
-}
 
 }  // namespace
 
@@ -34,11 +23,8 @@ ExecutionContext::ExecutionContext(nvinfer1::ILogger& logger, std::shared_ptr<Ne
       network_(std::move(network)),
       tensors_(tensors),
       contexts_(std::move(contexts)),
-      sizes_(network_->sizes),
+      shapes_(*network_),
       addresses_(tensors.size(), nullptr) {
-  for (const Port& port : network_->graph.inputs) {
-    input_sizes_.push_back(sizes_[static_cast<std::size_t>(port.value)]);
-  }
   ++*contexts_;
 }
 
@@ -55,41 +41,18 @@ bool ExecutionContext::setInputShape(char const* tensorName, nvinfer1::Dims cons
   if (told_to_fail(logger_, "setInputShape")) return false;
   return guarded(logger_, "setInputShape", false, [&] {
     const std::size_t index = find_tensor(tensors_, tensorName);
-    if (index >= input_sizes_.size()) {
+    if (index >= shapes_.inputs().size()) {
       throw ModelError(std::string("no input \"") + (tensorName == nullptr ? "" : tensorName) + "\"");
     }
-    return accept_shape(index, dims);
+    shapes_.set(index, tensors_[index], dims,
+                [this](const std::vector<Sizes>& input_sizes) { return resolved(input_sizes); });
+    return true;
   });
 }
 
-bool ExecutionContext::accept_shape(std::size_t input, nvinfer1::Dims const& dims) {
-  if (same(input_sizes_[input], dims)) return true;
-  const Sizes& built = network_->sizes[static_cast<std::size_t>(tensors_[input].value)];
-  if (dims.nbDims != static_cast<int32_t>(built.size())) {
-    throw ModelError("input \"" + tensors_[input].name + "\" has " + std::to_string(built.size()) +
-                     " dimensions");
-  }
-  for (std::size_t i = 0; i < built.size(); ++i) {
-    const bool fits = built[i] >= 0 ? dims.d[i] == built[i] : (dims.d[i] >= 1 && dims.d[i] <= kLargestSize);
-    if (fits) continue;
-    throw ModelError("size " + std::to_string(dims.d[i]) + " of dimension " + std::to_string(i) +
-                     " does not fit input \"" + tensors_[input].name + "\" of shape " + to_text(built));
-  }
-  Sizes& sizes = input_sizes_[input];
-  const Sizes before = sizes;
-  std::copy_n(dims.d, dims.nbDims, sizes.begin());
-  try {
-    resolve_sizes();
-  } catch (...) {
-    sizes = before;
-    throw;
-  }
-  return true;
-}
-
-void ExecutionContext::resolve_sizes() {
-  const std::shared_ptr<ExecutionPlan> plan = known_plan();
-  sizes_ = plan != nullptr ? plan->sizes() : infer_sizes(network_->graph, input_sizes_);
+std::vector<Sizes> ExecutionContext::resolved(const std::vector<Sizes>& input_sizes) const {
+  const std::shared_ptr<ExecutionPlan> plan = known_plan(input_sizes);
+  return plan != nullptr ? plan->sizes() : infer_sizes(network_->graph, input_sizes);
 }
 
 nvinfer1::Dims ExecutionContext::getTensorShape(char const* tensorName) const noexcept {
@@ -105,7 +68,7 @@ nvinfer1::Dims ExecutionContext::getTensorShape(char const* tensorName) const no
       if (told_to_fail(logger_, call)) return no_dims();
       if (host_cuda::take_answer(call, &answer)) return to_dims(answer);
     }
-    return to_dims(sizes_[static_cast<std::size_t>(tensor.value)]);
+    return to_dims(shapes_.values()[static_cast<std::size_t>(tensor.value)]);
   });
 }
 
@@ -125,12 +88,12 @@ bool ExecutionContext::setTensorAddress(char const* tensorName, void* data) noex
 }
 
 bool ExecutionContext::ready_to_run(std::string* reason) const {
-  if (!all_known(input_sizes_)) {
+  if (!shapes_.all_known()) {
     *reason = "an input shape is not set";
     return false;
   }
   for (std::size_t i = 0; i < tensors_.size(); ++i) {
-    const std::int64_t count = element_count(sizes_[static_cast<std::size_t>(tensors_[i].value)]);
+    const std::int64_t count = element_count(shapes_.values()[static_cast<std::size_t>(tensors_[i].value)]);
     if (addresses_[i] == nullptr) {
       *reason = "tensor \"" + tensors_[i].name + "\" has no address";
       return false;
@@ -144,20 +107,20 @@ bool ExecutionContext::ready_to_run(std::string* reason) const {
   return true;
 }
 
-std::shared_ptr<ExecutionPlan> ExecutionContext::known_plan() const {
+std::shared_ptr<ExecutionPlan> ExecutionContext::known_plan(const std::vector<Sizes>& input_sizes) const {
   for (const KnownPlan& known : plans_) {
-    if (known.input_sizes == input_sizes_ && known.plan->wished_threads() == host_cuda::worker_count())
+    if (known.input_sizes == input_sizes && known.plan->wished_threads() == host_cuda::worker_count())
       return known.plan;
   }
   return nullptr;
 }
 
 std::shared_ptr<ExecutionPlan> ExecutionContext::current_plan() {
-  std::shared_ptr<ExecutionPlan> plan = known_plan();
+  std::shared_ptr<ExecutionPlan> plan = known_plan(shapes_.inputs());
   if (plan != nullptr) return plan;
-  plan = build_plan(network_, input_sizes_, host_cuda::worker_count());
+  plan = build_plan(network_, shapes_.inputs(), host_cuda::worker_count());
   if (plans_.size() == kMostPlans) plans_.erase(plans_.begin());
-  plans_.push_back({input_sizes_, plan});
+  plans_.push_back({shapes_.inputs(), plan});
   return plan;
 }
 

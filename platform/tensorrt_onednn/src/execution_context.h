@@ -8,8 +8,10 @@
 #include <utility>
 #include <vector>
 
+#include <input_shapes.h>
+#include <io_tensors.h>
+
 #include "execution_plan.h"
-#include "io_tensors.h"
 
 namespace ostrel::tensorrt_onednn {
 
@@ -34,9 +36,8 @@ class ExecutionContext final : public nvinfer1::IExecutionContext {
     std::shared_ptr<ExecutionPlan> plan;
   };
 
-  bool accept_shape(std::size_t input, nvinfer1::Dims const& dims);
-  void resolve_sizes();
-  std::shared_ptr<ExecutionPlan> known_plan() const;
+  std::vector<Sizes> resolved(const std::vector<Sizes>& input_sizes) const;
+  std::shared_ptr<ExecutionPlan> known_plan(const std::vector<Sizes>& input_sizes) const;
   std::shared_ptr<ExecutionPlan> current_plan();
   bool ready_to_run(std::string* reason) const;
   bool put_on_stream(const std::shared_ptr<ExecutionPlan>& plan, cudaStream_t stream);
@@ -45,10 +46,9 @@ class ExecutionContext final : public nvinfer1::IExecutionContext {
   std::shared_ptr<Network> network_;
   std::vector<IoTensor> tensors_;
   std::shared_ptr<std::atomic<int>> contexts_;
-  std::vector<Sizes> input_sizes_;  // as set; unknown where not set yet
-  std::vector<Sizes> sizes_;        // of every value
-  std::vector<void*> addresses_;    // per tensor, null until bound
-  std::vector<KnownPlan> plans_;    // the latest last
+  InputShapes shapes_;
+  std::vector<void*> addresses_;  // per tensor, null until bound
+  std::vector<KnownPlan> plans_;  // the latest last
 };
 
 }  // namespace ostrel::tensorrt_onednn

@@ -1,15 +1,15 @@
 // What an engine holds; shared by its contexts and by work on its way.
 #pragma once
 
+#include <loaded_graph.h>
+
 #include "graph_names.h"
 #include "packed_weights.h"
 
 namespace ostrel::tensorrt_onednn {
 
-struct Network {
-  Graph graph;               // simplified; not changed any more
-  std::vector<Sizes> sizes;  // of every value, as far as the model settles them
-  bool bfloat16 = false;     // asked for, and the processor has it
+struct Network : LoadedGraph {
+  bool bfloat16 = false;  // asked for, and the processor has it
   PackedWeights weights;
 };
 

@@ -1,16 +1,11 @@
 // Operators on plain row-major 32-bit floats, for what oneDNN has no general form of.
 #pragma once
 
+#include <operator_maps.h>
+
 #include "graph_names.h"
 
 namespace ostrel::tensorrt_onednn {
-
-// One dimension of an element-wise operation, with the steps of both operands; a step of 0 repeats.
-struct ArithmeticAxis {
-  std::int64_t size = 1;
-  std::int64_t first_step = 0;
-  std::int64_t second_step = 0;
-};
 
 // target = first (op) second, element by element, with the broadcasting rules of ONNX.
 class Arithmetic {
@@ -25,13 +20,6 @@ class Arithmetic {
 
   Operator op_;
   std::vector<ArithmeticAxis> axes_;  // outermost first; neighbours are joined where both operands allow it
-};
-
-// Where a target row or column comes from: two source positions and the share of the second.
-struct ResizeTap {
-  std::int64_t first = 0;
-  std::int64_t second = 0;
-  float second_share = 0.0F;
 };
 
 // Nearest or linear resampling of maps, by the coordinate rules of ONNX.

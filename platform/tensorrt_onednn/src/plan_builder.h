@@ -1,9 +1,10 @@
 // Turns layers into the steps of a plan.
 #pragma once
 
+#include <layers.h>
+#include <memory_plan.h>
+
 #include "execution_plan.h"
-#include "layers.h"
-#include "memory_plan.h"
 
 namespace ostrel::tensorrt_onednn {
 

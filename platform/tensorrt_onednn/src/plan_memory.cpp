@@ -7,6 +7,8 @@
 namespace ostrel::tensorrt_onednn {
 namespace {
 
+// Of a cache line.
+constexpr std::size_t kBufferAlignment = 64;
 // Far beyond any use; a system that overcommits would grant more and fail later.
 constexpr std::size_t kLargestBlock = std::size_t{1} << 36;
 
@@ -48,7 +50,7 @@ void PlanBuilder::allocate() {
     lifetimes.push_back(buffers_[i].lifetime);
     owners.push_back(i);
   }
-  const std::size_t bytes = place_buffers(&lifetimes);
+  const std::size_t bytes = place_buffers(&lifetimes, kBufferAlignment);
   for (std::size_t i = 0; i < owners.size(); ++i) buffers_[owners[i]].lifetime = lifetimes[i];
   plan_->intermediate_bytes_ = bytes;
   if (bytes == 0) return;

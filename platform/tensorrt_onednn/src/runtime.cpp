@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "engine.h"
-#include "log.h"
+#include "faults.h"
 
 namespace ostrel::tensorrt_onednn {
 namespace {

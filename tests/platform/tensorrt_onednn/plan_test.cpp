@@ -12,6 +12,8 @@
 namespace ostrel::tensorrt_onednn {
 namespace {
 
+constexpr std::size_t kAlignment = 64;
+
 bool overlap(const Lifetime& a, const Lifetime& b) {
   const bool in_time = a.first_step <= b.last_step && b.first_step <= a.last_step;
   const bool in_space = a.offset < b.offset + b.bytes && b.offset < a.offset + a.bytes;
@@ -27,9 +29,9 @@ TEST(MemoryPlan, NeverSharesAPlaceInOneTime) {
       buffer.first_step = generator() % 20;
       buffer.last_step = buffer.first_step + generator() % 6;
     }
-    const std::size_t total = place_buffers(&buffers);
+    const std::size_t total = place_buffers(&buffers, kAlignment);
     for (std::size_t i = 0; i < buffers.size(); ++i) {
-      EXPECT_EQ(buffers[i].offset % kBufferAlignment, 0U);
+      EXPECT_EQ(buffers[i].offset % kAlignment, 0U);
       EXPECT_LE(buffers[i].offset + buffers[i].bytes, total);
       for (std::size_t j = 0; j < i; ++j) ASSERT_FALSE(overlap(buffers[i], buffers[j])) << i << " and " << j;
     }
@@ -43,12 +45,12 @@ TEST(MemoryPlan, SharesAPlaceInTurn) {
     buffers[i].first_step = i;
     buffers[i].last_step = i + 1;
   }
-  EXPECT_EQ(place_buffers(&buffers), 2048U);
+  EXPECT_EQ(place_buffers(&buffers, kAlignment), 2048U);
 }
 
 TEST(MemoryPlan, OfNothingIsEmpty) {
   std::vector<Lifetime> none;
-  EXPECT_EQ(place_buffers(&none), 0U);
+  EXPECT_EQ(place_buffers(&none, kAlignment), 0U);
 }
 
 std::shared_ptr<Network> load(const std::string& bytes) {

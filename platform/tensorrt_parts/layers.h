@@ -3,7 +3,7 @@
 
 #include "graph_names.h"
 
-namespace ostrel::tensorrt_onednn {
+namespace ostrel::tensorrt_parts {
 
 struct Layer {
   const Node* node = nullptr;  // in the graph, which must outlive the layer
@@ -16,4 +16,4 @@ struct Layer {
 // else reads what lies between. `sizes`: one entry per value, all known.
 std::vector<Layer> make_layers(const Graph& graph, const std::vector<Sizes>& sizes);
 
-}  // namespace ostrel::tensorrt_onednn
+}  // namespace ostrel::tensorrt_parts

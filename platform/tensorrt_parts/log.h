@@ -3,9 +3,10 @@
 
 #include <NvInfer.h>
 
+#include <exception>
 #include <string>
 
-namespace ostrel::tensorrt_onednn {
+namespace ostrel::tensorrt_parts {
 
 // Writes "CALL: TEXT" at kERROR; never throws.
 void log_error(nvinfer1::ILogger& logger, const char* call, const char* text) noexcept;
@@ -26,7 +27,4 @@ Result guarded(nvinfer1::ILogger& logger, const char* call, Result failed, Body&
   return failed;
 }
 
-// True, with a line, when a test wants this call to fail.
-bool told_to_fail(nvinfer1::ILogger& logger, const char* call) noexcept;
-
-}  // namespace ostrel::tensorrt_onednn
+}  // namespace ostrel::tensorrt_parts

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace ostrel::tensorrt_onednn {
+namespace ostrel::tensorrt_parts {
 
 std::vector<IoTensor> io_tensors(const Graph& graph) {
   std::vector<IoTensor> tensors;
@@ -37,4 +37,4 @@ nvinfer1::Dims to_dims(const Sizes& sizes) noexcept {
   return dims;
 }
 
-}  // namespace ostrel::tensorrt_onednn
+}  // namespace ostrel::tensorrt_parts

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "network.h"
+#include "graph_names.h"
 
-namespace ostrel::tensorrt_onednn {
+namespace ostrel::tensorrt_parts {
 
 // An address per input and output travels with each run; more of them are refused.
 constexpr std::size_t kMostIoTensors = 16;
@@ -30,4 +30,4 @@ std::size_t find_tensor(const std::vector<IoTensor>& tensors, const char* name) 
 nvinfer1::Dims no_dims() noexcept;
 nvinfer1::Dims to_dims(const Sizes& sizes) noexcept;
 
-}  // namespace ostrel::tensorrt_onednn
+}  // namespace ostrel::tensorrt_parts

@@ -1,6 +1,6 @@
 #include "layers.h"
 
-namespace ostrel::tensorrt_onednn {
+namespace ostrel::tensorrt_parts {
 namespace {
 
 class LayerMaker {
@@ -77,4 +77,4 @@ std::vector<Layer> make_layers(const Graph& graph, const std::vector<Sizes>& siz
   return LayerMaker(graph, sizes).make();
 }
 
-}  // namespace ostrel::tensorrt_onednn
+}  // namespace ostrel::tensorrt_parts

@@ -1,4 +1,4 @@
-#include "log.h"
+#include "faults.h"
 
 #include <host_cuda/control.h>
 
@@ -6,18 +6,12 @@
 
 namespace ostrel::tensorrt_onednn {
 
-void log_error(nvinfer1::ILogger& logger, const char* call, const char* text) noexcept {
-  char line[512];
-  std::snprintf(line, sizeof(line), "%s: %s", call, text);
-  logger.log(nvinfer1::ILogger::Severity::kERROR, line);
-}
-
 bool told_to_fail(nvinfer1::ILogger& logger, const char* call) noexcept {
   const int status = host_cuda::take_fault(call);
   if (status == 0) return false;
   char text[64];
   std::snprintf(text, sizeof(text), "told to fail with status %d", status);
-  log_error(logger, call, text);
+  tensorrt_parts::log_error(logger, call, text);
   return true;
 }
 
