@@ -50,20 +50,39 @@ endfunction()
 # What the thread sanitizer builds.
 add_custom_target(threaded_tests)
 
-# ostrel_add_test(name LABELS unit SOURCES ... LINK ... [BOTH_STREAM_MODES] [THREADED]): a GoogleTest program.
-# BOTH_STREAM_MODES registers it a second time with deferred streams; THREADED adds the label `threaded`,
-# which is what the thread sanitizer runs. OpenMP's threads wait asleep: tests share their cores, and threads that
-# spin at a barrier for one that has no core lose all the time that the others need.
+# ostrel_add_test(name LABELS unit SOURCES ... LINK ... [KERNELS ...] [BOTH_STREAM_MODES] [ON_DEVICE] [THREADED]
+# [HOST_ONLY]): a GoogleTest program.
+# BOTH_STREAM_MODES: it works on the device. For host it is registered a second time with deferred streams; for cuda it
+# is NAME_cuda with the label `gpu`, and skipped, with a word about it, where there is no GPU. The bodies are the same;
+# what they ask of the stand-in alone skips the test that asks (tests/support/gpu).
+# ON_DEVICE: it works on the device too, in one mode, and needs more than a GPU machine has (tools/bundle_tests.sh).
+# THREADED adds the label `threaded`, which is what the thread sanitizer runs.
+# HOST_ONLY: tests of the stand-ins themselves, which no build for a GPU has.
+# OpenMP's threads wait asleep: tests share their cores, and threads that spin at a barrier for one that has no core
+# lose all the time that the others need.
 function(ostrel_add_test name)
-  cmake_parse_arguments(ARG "BOTH_STREAM_MODES;THREADED" "" "SOURCES;LINK;LABELS;KERNELS" ${ARGN})
+  cmake_parse_arguments(ARG "BOTH_STREAM_MODES;ON_DEVICE;THREADED;HOST_ONLY" "" "SOURCES;LINK;LABELS;KERNELS" ${ARGN})
+  if(ARG_HOST_ONLY AND OSTREL_DEVICE STREQUAL "cuda")
+    return()
+  endif()
   if(ARG_KERNELS)
     ostrel_kernel_sources(${ARG_KERNELS})
   endif()
   add_executable(${name} ${ARG_SOURCES} ${ARG_KERNELS})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests ${PROJECT_SOURCE_DIR}/src)
   target_compile_definitions(${name} PRIVATE OSTREL_TEST_DATA="${PROJECT_SOURCE_DIR}/tests/data")
-  target_link_libraries(${name} PRIVATE ${ARG_LINK} GTest::gmock GTest::gtest_main ostrel_warnings)
+  target_link_libraries(${name} PRIVATE ${ARG_LINK} ostrel_test_device ostrel_warnings)
   set(labels ${ARG_LABELS})
+  if((ARG_BOTH_STREAM_MODES OR ARG_ON_DEVICE) AND OSTREL_DEVICE STREQUAL "cuda")
+    target_link_libraries(${name} PRIVATE ostrel_gpu_test_main)
+    add_test(NAME ${name}_cuda COMMAND ${name})
+    set_tests_properties(${name}_cuda PROPERTIES LABELS "${labels};gpu" SKIP_RETURN_CODE 77 RESOURCE_LOCK gpu)
+    if(ARG_BOTH_STREAM_MODES)
+      set_property(GLOBAL APPEND PROPERTY OSTREL_GPU_TESTS ${name})
+    endif()
+    return()
+  endif()
+  target_link_libraries(${name} PRIVATE GTest::gmock GTest::gtest_main)
   if(ARG_THREADED)
     list(APPEND labels threaded)
     add_dependencies(threaded_tests ${name})
