@@ -4,8 +4,8 @@
 // Counters: milliseconds of network with classifier and of the two downloads; heap and device allocations per
 // call.
 
+#include <bench_device.h>
 #include <benchmark/benchmark.h>
-#include <host_cuda/control.h>
 
 #include <cstdio>
 #include <mutex>
@@ -58,7 +58,7 @@ struct Setting {
 void run(benchmark::State& state, Setting& setting, bool (*classify)(Setting&)) {
   if (!classify(setting)) return state.SkipWithError(setting.error.c_str());
   const long heap_before = ostrel_test::heap_allocations();
-  ostrel::host_cuda::reset_counters();
+  const ostrel_bench::DeviceAllocations device_allocations;
   double network_ms = 0.0;
   double download_ms = 0.0;
   for (auto _ : state) {
@@ -67,11 +67,10 @@ void run(benchmark::State& state, Setting& setting, bool (*classify)(Setting&)) 
     download_ms += static_cast<double>(setting.timings.d2h_response_ms);
   }
   const auto calls = static_cast<double>(state.iterations());
-  const auto counters = ostrel::host_cuda::counters();
   state.counters["network_ms"] = network_ms / calls;
   state.counters["d2h_response_ms"] = download_ms / calls;
   state.counters["heap"] = static_cast<double>(ostrel_test::heap_allocations() - heap_before) / calls;
-  state.counters["device_heap"] = static_cast<double>(counters.calls_of("cudaMalloc"));
+  state.counters["device_heap"] = device_allocations.count();
 }
 
 void classify_tensor_batch(benchmark::State& state) {

@@ -2,9 +2,9 @@
 // joint optimiser's operators, on fixed random input. The training's stream has the least priority, so that it takes
 // one core on the host; `plain` runs the kernels without their tuned host forms.
 
+#include <bench_device.h>
 #include <benchmark/benchmark.h>
 #include <cuda_runtime.h>
-#include <host_cuda/control.h>
 
 #include <cstdint>
 #include <random>
@@ -20,7 +20,6 @@
 namespace {
 
 namespace atom = ostrel_tracker::tracking_runtime::tracker::atom;
-namespace host = ostrel::host_cuda;
 
 constexpr int kSide = 12;
 constexpr int kFilterSide = 4;
@@ -53,7 +52,7 @@ atom::CudaStream make_stream(benchmark::State& state) {
 /// Arguments: samples, channels, iterations, tuned forms on.
 void filter_training(benchmark::State& state) {
   const int samples = static_cast<int>(state.range(0)), channels = static_cast<int>(state.range(1));
-  host::set_tuned_kernels(state.range(3) != 0);
+  ostrel_bench::set_tuned_kernels(state.range(3) != 0);
   const auto features = random_values(samples * channels * kSide * kSide, 1, 0.3F);
   const auto labels = random_values(samples * kSide * kSide, 2, 0.5F);
   const auto filter = random_values(channels * kFilterSide * kFilterSide, 3, 0.01F);
@@ -68,7 +67,7 @@ void filter_training(benchmark::State& state) {
       state.SkipWithError(error.c_str());
     }
   }
-  host::set_tuned_kernels(true);
+  ostrel_bench::set_tuned_kernels(true);
 }
 BENCHMARK(filter_training)
     ->ArgNames({"samples", "channels", "iterations", "tuned"})
@@ -83,7 +82,7 @@ BENCHMARK(filter_training)
 void projection_and_classification(benchmark::State& state) {
   const int batch = static_cast<int>(state.range(0));
   const int in_channels = static_cast<int>(state.range(1)), out_channels = static_cast<int>(state.range(2));
-  host::set_tuned_kernels(state.range(3) != 0);
+  ostrel_bench::set_tuned_kernels(state.range(3) != 0);
   const auto features = device_values(state, batch * in_channels * kSide * kSide, 4);
   const atom::CudaStream stream = make_stream(state);
   atom::CudaProjectionClassifier classifier;
@@ -103,7 +102,7 @@ void projection_and_classification(benchmark::State& state) {
       state.SkipWithError(error.c_str());
     }
   }
-  host::set_tuned_kernels(true);
+  ostrel_bench::set_tuned_kernels(true);
 }
 BENCHMARK(projection_and_classification)
     ->ArgNames({"samples", "in", "out", "tuned"})
@@ -116,7 +115,7 @@ BENCHMARK(projection_and_classification)
 /// Arguments: samples, tuned forms on.
 void back_propagation(benchmark::State& state) {
   const int samples = static_cast<int>(state.range(0)), channels = 64;
-  host::set_tuned_kernels(state.range(1) != 0);
+  ostrel_bench::set_tuned_kernels(state.range(1) != 0);
   const auto gradient = device_values(state, samples * kSide * kSide, 7);
   const auto filter = device_values(state, channels * kFilterSide * kFilterSide, 8);
   const auto out = device_values(state, samples * channels * kSide * kSide, 9);
@@ -130,7 +129,7 @@ void back_propagation(benchmark::State& state) {
       state.SkipWithError(error.c_str());
     }
   }
-  host::set_tuned_kernels(true);
+  ostrel_bench::set_tuned_kernels(true);
 }
 BENCHMARK(back_propagation)
     ->ArgNames({"samples", "tuned"})

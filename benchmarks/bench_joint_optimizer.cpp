@@ -3,10 +3,10 @@
 // product's multiply-adds per second, `of_copy` the share of the copy's bytes per second; the operator's bytes
 // are those of its arrays, once for each read and once for each write.
 
+#include <bench_device.h>
 #include <benchmark/benchmark.h>
 #include <cublas_v2.h>
 #include <cuda_runtime.h>
-#include <host_cuda/control.h>
 
 #include <algorithm>
 #include <chrono>
@@ -26,7 +26,6 @@ namespace {
 
 namespace atom = ostrel_tracker::tracking_runtime::tracker::atom;
 namespace ops = atom::detail;
-namespace host = ostrel::host_cuda;
 
 constexpr int kFilterSide = 4;
 constexpr int kTaps = kFilterSide * kFilterSide;
@@ -97,7 +96,7 @@ struct Machine {
  private:
   static double measure_product() {
     constexpr int kSide = 512;
-    const int batch = host::worker_count();
+    const int batch = ostrel_bench::parallel_products();
     const auto matrix = static_cast<std::size_t>(kSide) * kSide;
     const auto a = device_values(matrix * static_cast<std::size_t>(batch), 1), b = device_values(matrix, 2);
     const auto c = device_values(matrix * static_cast<std::size_t>(batch), 3);

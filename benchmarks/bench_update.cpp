@@ -14,7 +14,7 @@
 #include <opencv2/imgproc.hpp>
 #include <string>
 
-#include "host_cuda/control.h"
+#include "bench_device.h"
 #include "ostrel_plugin/src/ostrel_config.h"
 #include "ostrel_plugin/src/tracker_runtime_config.h"
 #include "support/heap_counter.h"
@@ -66,7 +66,7 @@ void frame_call(benchmark::State& state, int frames_between_learning) {
   const auto picture = optrix::OptrixPicture::fromBgr({image.data, image.cols, image.rows, image.step});
   const auto tracker = started(image, frames_between_learning);
   for (int i = 0; i < 10; ++i) tracker->trackViewWithOffset(picture, 1.0F, 1.0F, kWidth, kHeight, 0, 0);
-  ostrel::host_cuda::reset_counters();
+  const ostrel_bench::DeviceAllocations device_allocations;
   const long heap_before = ostrel_test::heap_allocations();
   for (auto _ : state) {
     benchmark::DoNotOptimize(tracker->trackViewWithOffset(picture, 1.0F, 1.0F, kWidth, kHeight, 0, 0));
@@ -74,8 +74,7 @@ void frame_call(benchmark::State& state, int frames_between_learning) {
   const auto frames = static_cast<double>(state.iterations());
   state.counters["heap_per_frame"] =
       static_cast<double>(ostrel_test::heap_allocations() - heap_before) / frames;
-  state.counters["device_per_frame"] =
-      static_cast<double>(ostrel::host_cuda::counters().calls_of("cudaMalloc")) / frames;
+  state.counters["device_per_frame"] = device_allocations.count() / frames;
 }
 
 void BM_FrameCallWhileNoTrainingRuns(benchmark::State& state) {

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <host_cuda/control.h>
+#include <null_stream_watch.h>
 
 #include <fstream>
 #include <memory>
@@ -119,7 +120,7 @@ class TrackingStart : public ::testing::Test {
   void TearDown() override {
     ostrel::host_cuda::clear_faults();
     held.reset();
-    EXPECT_EQ(ostrel::host_cuda::counters().null_stream_work, null_stream_work_before);
+    null_stream.expect_nothing_new();
   }
 
   CudaRuntimeBackend& backend() {
@@ -177,7 +178,7 @@ class TrackingStart : public ::testing::Test {
 
  private:
   std::unique_ptr<CudaRuntimeBackend> held;
-  std::int64_t null_stream_work_before = ostrel::host_cuda::counters().null_stream_work;
+  ostrel_test::NullStreamWatch null_stream;
 };
 
 }  // namespace init_test

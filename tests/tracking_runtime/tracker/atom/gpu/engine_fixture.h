@@ -3,6 +3,7 @@
 #include <cuda_runtime.h>
 #include <gtest/gtest.h>
 #include <host_cuda/control.h>
+#include <null_stream_watch.h>
 
 #include <memory>
 #include <string>
@@ -28,7 +29,7 @@ class EngineTest : public ::testing::Test {
     host_cuda::clear_faults();
     trt_workers.clear();
     trt.reset();
-    EXPECT_EQ(host_cuda::counters().null_stream_work, null_stream_work_before_);
+    null_stream_.expect_nothing_new();
   }
 
   /// Under a name of its own: what a path once held stays cached.
@@ -54,7 +55,7 @@ class EngineTest : public ::testing::Test {
 
  private:
   int engines_ = 0;
-  std::int64_t null_stream_work_before_ = host_cuda::counters().null_stream_work;
+  NullStreamWatch null_stream_;
 };
 
 inline std::vector<cv::Mat> random_patches(std::size_t count, std::uint32_t seed = 1, int side = 32) {
