@@ -25,6 +25,20 @@ inline TrunkOptions tiny_trunk() {
   return options;
 }
 
+// Outputs are about 0.3; relative error of 32-bit sums over some thousand products, through 13 layers.
+inline constexpr double kFloatTolerance = 2e-4;
+
+inline void expect_like_plain_loops(const TrunkOptions& options, const std::vector<std::size_t>& stages) {
+  const int side = options.tiny ? backbone::kTinyInputSize : backbone::kFullInputSize;
+  const FeaturePlanes picture = backbone::calibration_picture(side, 77);
+  const auto expected = backbone::run_trunk(backbone::make_random_trunk(options.tiny, options.seed), picture);
+  const auto found = run_model(backbone::trunk_bytes(options), {picture_of(picture)});
+  ASSERT_EQ(found.size(), stages.size());
+  for (std::size_t i = 0; i < stages.size(); ++i) {
+    expect_near(found[i], picture_of(expected[stages[i]]), kFloatTolerance);
+  }
+}
+
 inline double relative_rms_difference(const Tensor& found, const Tensor& expected) {
   double difference = 0.0;
   double reference = 0.0;

@@ -1,4 +1,4 @@
-// The whole network: against a forward pass in plain loops, and from two contexts at once.
+// A small network of the whole shape: against a forward pass in plain loops, and from two contexts at once.
 #include <calibration.h>
 #include <trunk_writer.h>
 
@@ -8,29 +8,6 @@
 
 namespace ostrel::testing {
 namespace {
-
-using backbone::FeaturePlanes;
-using backbone::TrunkOptions;
-
-// Outputs are about 0.3; relative error of 32-bit sums over some thousand products, through 13 layers.
-constexpr double kFloatTolerance = 2e-4;
-
-void expect_like_plain_loops(const TrunkOptions& options, const std::vector<std::size_t>& stages) {
-  const int side = options.tiny ? backbone::kTinyInputSize : backbone::kFullInputSize;
-  const FeaturePlanes picture = backbone::calibration_picture(side, 77);
-  const auto expected = backbone::run_trunk(backbone::make_random_trunk(options.tiny, options.seed), picture);
-  const auto found = run_model(backbone::trunk_bytes(options), {picture_of(picture)});
-  ASSERT_EQ(found.size(), stages.size());
-  for (std::size_t i = 0; i < stages.size(); ++i) {
-    expect_near(found[i], picture_of(expected[stages[i]]), kFloatTolerance);
-  }
-}
-
-TEST(Trunk, EqualsAForwardPassInPlainLoops) {
-  TrunkOptions options;
-  options.seed = 3;
-  expect_like_plain_loops(options, {1, 2});
-}
 
 TEST(Trunk, EqualsAForwardPassInPlainLoopsWhenTiny) {
   expect_like_plain_loops(tiny_trunk(), {0, 1});
