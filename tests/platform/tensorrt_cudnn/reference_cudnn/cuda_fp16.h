@@ -3,7 +3,9 @@
 
 #include <immintrin.h>
 
-struct __half {  // NOLINT(bugprone-reserved-identifier)
+// NOLINTBEGIN(bugprone-reserved-identifier)
+
+struct __half {
   unsigned short bits = 0;
 };
 
@@ -14,3 +16,5 @@ inline float __half2float(__half value) {
 inline __half __float2half(float value) {
   return {static_cast<unsigned short>(_cvtss_sh(value, _MM_FROUND_TO_NEAREST_INT))};
 }
+
+// NOLINTEND(bugprone-reserved-identifier)
