@@ -11,7 +11,7 @@ import cv2
 import numpy as np
 
 import photometry
-from sprites import BODY_PX, CANVAS_PX, Sprite
+from sprites import CANVAS_PX, Sprite
 
 FULL_SIDE_PX = 192      # of the tracker's views
 MEAN_PX_PER_UNIT = 36.0  # resolution of the background; a unit is drawn at about 27 pixels

@@ -5,7 +5,6 @@ import numpy as np
 import torch
 from torch.utils.data import DataLoader, IterableDataset, get_worker_info
 
-import clips
 from textures import PicturePool
 
 REFRESH_EVERY = 6            # samples between two new pictures of the pool

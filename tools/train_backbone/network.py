@@ -82,10 +82,14 @@ class Trunk(nn.Module):
                 nn.init.kaiming_normal_(module.weight, mode='fan_out', nonlinearity='relu')
         _stem_filters(self.conv1.weight)
 
+    def fine_stage(self, x):
+        """The output of the stage at stride 8."""
+        x = F.relu(self.bn1(self.conv1((x - MEAN) / DEVIATION)), inplace=True)
+        return self.layer2(self.layer1(F.max_pool2d(x, 3, 2, 1)))
+
     def stages(self, x):
         """The outputs of the stages at stride 8 and 16."""
-        x = F.relu(self.bn1(self.conv1((x - MEAN) / DEVIATION)), inplace=True)
-        fine = self.layer2(self.layer1(F.max_pool2d(x, 3, 2, 1)))
+        fine = self.fine_stage(x)
         return fine, self.layer3(fine)
 
     def join(self, fine, coarse):
@@ -97,8 +101,7 @@ class Trunk(nn.Module):
     def forward(self, x):
         if self.geometry == 'joined':
             return self.join(*self.stages(x))
-        x = F.relu(self.bn1(self.conv1((x - MEAN) / DEVIATION)), inplace=True)
-        return self.neck_fine(self.layer2(self.layer1(F.max_pool2d(x, 3, 2, 1))))
+        return self.neck_fine(self.fine_stage(x))
 
     def freeze_statistics(self):
         """Normalises with the statistics gathered so far, so that normalisation folds into the convolutions."""

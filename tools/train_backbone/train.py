@@ -138,8 +138,7 @@ class Training:
         return torch.autocast(torch.device(self.options.device).type, dtype=torch.bfloat16, enabled=not self.options.float32)
 
     def placed(self, batch):
-        batch = {name: value.to(self.options.device, torch.float32, non_blocking=True) for name, value in batch.items()}
-        return batch
+        return {name: value.to(self.options.device, torch.float32, non_blocking=True) for name, value in batch.items()}
 
     def loss(self, batch):
         with self.in_bfloat16():
