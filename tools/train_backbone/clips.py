@@ -93,16 +93,22 @@ class Scene:
         self.ground = pool.draw(rng)
         if rng.random() < 0.4:  # hard to tell from the ground by colour alone
             self.target.tone_towards(self.ground.mean((0, 1)), rng.uniform(0.3, 1.0))
-        self.ground_scale = 1.0 / (MEAN_PX_PER_UNIT * np.exp(rng.normal(0, 0.35)))
-        self.ground_place = rng.uniform(0, self.ground.shape[0], 2)
+        self.ground_scale = 1.0 / (MEAN_PX_PER_UNIT * np.exp(np.clip(rng.normal(0, 0.35), -1.0, 0.4)))
+        self.ground_place = self._any_place()
         self.ground_angle = rng.uniform(0, 2 * np.pi) if rng.random() < 0.3 else 0.0
-        self.light = photometry.light(rng, 1.5)
-        self.light['saturation'] = rng.uniform(0.1, 1.0)  # footage is paler than a palette
+        self.light = photometry.light(rng, 1.0)
+        self.light['saturation'] = rng.uniform(0.2, 1.0)  # footage is paler than a palette
         self.grey = rng.random() < 0.2
         self.degradation = rng.uniform(0, 0.9)
         self.neighbours = [self._neighbour() for _ in range(int(rng.integers(1, 5)))]
         self.spots = None  # places of the ground that are followed as well, in its pixels
-        self.restless = 0.6 * np.exp(rng.normal(0, 0.5))  # how much changes with time
+        self.restless = 0.8 * np.exp(rng.normal(0, 0.5))  # how much changes with time
+        self.flicker = 0.9 if rng.random() < 0.3 else 0.25  # how much of that in the light
+        self.camera = int(rng.integers(2 ** 31))  # mostly one lens, sensor and coder for the whole clip
+
+    def _any_place(self):
+        """A place of the ground around which most views find no end of it."""
+        return self.rng.uniform(0.32, 0.68, 2) * self.ground.shape[0]
 
     def _neighbour(self):
         if self.rng.random() < 0.25:
@@ -117,8 +123,8 @@ class Scene:
     def _ground_at(self, time):
         rng, change = self.rng, time * self.restless
         ground, place = self.ground, self.ground_place
-        if rng.random() < 0.35 * time:  # the target has come to another place
-            place = rng.uniform(0, ground.shape[0], 2)
+        if rng.random() < 0.4 * time:  # the target has come to another place
+            place = self._any_place()
         place = place + rng.normal(0, 1.2 * change, 2) / self.ground_scale
         scale = self.ground_scale * np.exp(rng.normal(0, 0.12 * change))
         to_world = _affine(scale, scale, self.ground_angle + rng.normal(0, 0.08 * change), 0.0, (0, 0), place)
@@ -148,7 +154,8 @@ class Scene:
             cover = (Sprite(rng, self.pool), Pose(offset, rng.uniform(0.4, 0.9), angle=rng.uniform(0, 6.3)))
         return {'time': time, 'target': target, 'pose': self.pose(time), 'things': things, 'cover': cover,
                 'ground': self._ground_at(time), 'edges': self._edges(), 'seed': int(rng.integers(2 ** 31)),
-                'light': photometry.light(rng, 1.2 * time), 'degradation': self.degradation}
+                'light': photometry.light(rng, self.flicker * time),
+                'camera': self.camera if rng.random() < 0.8 else int(rng.integers(2 ** 31))}
 
     def view(self, frame, view):
         """The frame as seen in `view`: uint8, side x side x 3."""
@@ -168,7 +175,7 @@ class Scene:
         picture = photometry.apply_light(photometry.apply_light(picture, self.light), frame['light'])
         if self.grey:
             picture = photometry.to_grey(picture)
-        return photometry.degrade(rng, picture, frame['degradation'])
+        return photometry.degrade(np.random.default_rng(frame['camera']), picture, self.degradation, rng)
 
 
     def places(self, frame, view):

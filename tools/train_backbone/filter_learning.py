@@ -14,7 +14,7 @@ from network import FEATURE_NORM
 FILTER_SIDE = 4
 REGULARISATION = 3.0        # the tracker's default
 LABEL_SHARE = 0.25          # deviation of the label as a share of the target's side
-SOLVER_STEPS = 14
+SOLVER_STEPS = 10
 RESPONSE_GAIN = 12.0        # of the cross-entropy: responses lie between 0 and 1
 LEAD = 0.3                  # by which the peak at the target should exceed every other
 ENTROPY_WEIGHT = 0.25       # of the losses; the squared error counts as it is
@@ -180,7 +180,7 @@ def _loss_on_features(features, batch, tests, generator):
     size, ordered = loss_of_size(response[:, 0, 0], response[:, 0, -1], later[:, 0, 0], later[:, 0, -1], batch['mismatch'])
     norm = features.norm(dim=2).mean()
     mean = features.mean((0, 1, 3, 4)).norm()
-    keep = ((norm - FEATURE_NORM) / FEATURE_NORM) ** 2 + 0.1 * (mean / FEATURE_NORM) ** 2
+    keep = 4 * ((norm - FEATURE_NORM) / FEATURE_NORM) ** 2 + 0.1 * (mean / FEATURE_NORM) ** 2
     near = response[:, :, :-1], places[:, :, starts:-1]
     figures = {**losses, 'size': size, 'norm': norm,
                'hits': hits(near[0][:, :1], near[1][:, :1], judged[:, :1]), 'hits_of_all': hits(*near, judged),

@@ -49,20 +49,20 @@ def _low_resolution(rng, picture):
     return cv2.resize(small, (width, height), interpolation=cv2.INTER_LINEAR)
 
 
-def lens(rng, picture, strength=1.0):
+def lens(rng, picture, strength, moment):
     if rng.random() < 0.2 * strength:
         picture = _low_resolution(rng, picture)
     if rng.random() < 0.25 * strength:
         picture = cv2.GaussianBlur(picture, (0, 0), rng.uniform(0.4, 2.0))
-    if rng.random() < 0.2 * strength:
-        picture = _motion_blur(rng, picture, 9)
+    if moment.random() < 0.2 * strength:
+        picture = _motion_blur(moment, picture, 9)
     return picture
 
 
-def sensor(rng, picture, strength=1.0):
+def sensor(rng, picture, strength, moment):
     if rng.random() < 0.6 * strength:
         deviation = rng.exponential(5.0)
-        noise = rng.standard_normal(picture.shape, dtype=np.float32) * min(deviation, 20.0)
+        noise = moment.standard_normal(picture.shape, dtype=np.float32) * min(deviation, 20.0)
         picture = np.clip(picture + noise, 0, 255).astype(np.uint8)
     if rng.random() < 0.35 * strength:
         quality = int(rng.integers(25, 90))
@@ -72,6 +72,7 @@ def sensor(rng, picture, strength=1.0):
     return picture
 
 
-def degrade(rng, picture, strength=1.0):
-    """Lens, then sensor and coding."""
-    return sensor(rng, lens(rng, picture, strength), strength)
+def degrade(rng, picture, strength=1.0, moment=None):
+    """Lens, then sensor and coding. `rng` draws the camera; `moment`, where given, what differs between its frames."""
+    moment = moment or rng
+    return sensor(rng, lens(rng, picture, strength, moment), strength, moment)

@@ -7,6 +7,7 @@ from textures import outline, texture, turned
 
 CANVAS_PX = 160  # a sprite is composed on a canvas of this side
 BODY_PX = 88     # the root of width times height of its body on that canvas
+BEND = 0.05      # deviation of the shape's bending at a motion of one, as a share of BODY_PX
 
 
 class Part:
@@ -33,6 +34,25 @@ def _part(rng, fields, pool, width, height, offset, swing):
     return Part(picture, mask, np.asarray(offset, np.float32), swing)
 
 
+_AXIS = np.arange(CANVAS_PX, dtype=np.float32)
+_SHADE_X, _SHADE_Y = np.meshgrid(_AXIS / CANVAS_PX - 0.5, _AXIS / CANVAS_PX - 0.5)
+
+
+def _light_from_one_side(rng, strength):
+    fall = strength * rng.standard_normal(2).astype(np.float32) * 2
+    return np.clip(1 + fall[0] * _SHADE_X + fall[1] * _SHADE_Y, 0.3, 1.7)[..., None]
+
+
+def _bend(rng, strength):
+    """Where each pixel of the canvas comes from: two planes, float32. The middle stays in place."""
+    planes = []
+    for straight in np.meshgrid(_AXIS, _AXIS):
+        shift = strength * BODY_PX * rng.standard_normal((4, 4)).astype(np.float32)
+        shift = cv2.resize(shift, (CANVAS_PX, CANVAS_PX), interpolation=cv2.INTER_CUBIC)
+        planes.append(straight + shift - shift[CANVAS_PX // 4:-CANVAS_PX // 4, CANVAS_PX // 4:-CANVAS_PX // 4].mean())
+    return planes
+
+
 class Sprite:
     """A thing with a body around the origin. `size` is (width, height) of its box, root area BODY_PX."""
 
@@ -48,6 +68,11 @@ class Sprite:
             half = self.size * (1, 0.55)
             self.parts.append(_part(rng, fields, pool, *half, (0, self.size[1] * 0.22), 0.05))
             self.parts.append(_part(rng, fields, pool, *half, (0, -self.size[1] * 0.22), 0.02))
+        if rng.random() < 0.35:  # limbs
+            for _ in range(int(rng.integers(1, 5))):
+                thin = self.size * (rng.uniform(0.08, 0.2), rng.uniform(0.35, 0.6))
+                place = (rng.uniform(-0.4, 0.4), rng.choice((-0.35, 0.35))) * self.size
+                self.parts.append(_part(rng, fields, pool, *thin, place, 0.12))
         for _ in range(int(rng.integers(0, 6))):
             share = rng.uniform(0.12, 0.5, 2)
             offset = rng.uniform(-0.5, 0.5, 2) * self.size * (1 - 0.8 * share)
@@ -72,7 +97,9 @@ class Sprite:
         return copy
 
     def compose(self, rng, motion):
-        """Colour (float32, premultiplied) and cover (float32, 0 to 1) on the canvas, the parts moved by `motion`."""
+        """Colour (float32, premultiplied) and cover (float32, 0 to 1) on the canvas. With `motion` the parts move against
+        each other, their skins slide as if the thing turned, its shape bends, and light falls from another side."""
+        slide = 0.12 * motion * rng.standard_normal()
         colour = np.zeros((CANVAS_PX, CANVAS_PX, 3), np.float32)
         cover = np.zeros((CANVAS_PX, CANVAS_PX), np.float32)
         for part in self.parts:
@@ -86,6 +113,11 @@ class Sprite:
             window = np.s_[top - corner[1]:bottom - corner[1], left - corner[0]:right - corner[0]]
             alpha = part.mask[window].astype(np.float32) / 255
             place = np.s_[top:bottom, left:right]
-            colour[place] = colour[place] * (1 - alpha[..., None]) + part.picture[window] * alpha[..., None]
+            skin = np.roll(part.picture, int(round(slide * wide)), axis=1)[window]
+            colour[place] = colour[place] * (1 - alpha[..., None]) + skin * alpha[..., None]
             cover[place] = cover[place] * (1 - alpha) + alpha
-        return colour, cover
+        if motion == 0:
+            return colour, cover
+        colour *= _light_from_one_side(rng, 0.25 * motion)
+        bend = _bend(rng, BEND * motion)
+        return tuple(cv2.remap(plane, *bend, cv2.INTER_LINEAR) for plane in (colour, cover))

@@ -88,19 +88,48 @@ def _strokes(rng):
     return grey
 
 
+def _folded(rng, field):
+    """The field bent along noise, as wood, water and cloth are."""
+    side = field.shape[0]
+    reach = np.exp(rng.uniform(np.log(4), np.log(60)))
+    exponent = rng.uniform(1.3, 2.4)
+    y, x = np.mgrid[0:side, 0:side].astype(np.float32)
+    shift = [reach * (_spectral_noise(rng, exponent).astype(np.float32) / 127.5 - 1) for _ in range(2)]
+    return cv2.remap(field, x + shift[0], y + shift[1], cv2.INTER_LINEAR, borderMode=cv2.BORDER_REFLECT)
+
+
+def _mixed(rng, field, other):
+    """Two fields as one: the lighter, the darker, the product, or one in the hollows of the other."""
+    kind = int(rng.integers(4))
+    if kind == 0:
+        return np.maximum(field, other)
+    if kind == 1:
+        return np.minimum(field, other)
+    if kind == 2:
+        return _to_bytes(field.astype(np.float32) * other)
+    return np.where(other < np.percentile(other, rng.uniform(20, 70)), field, other)
+
+
 def make_fields(rng, count):
     """The fields that textures are cut from."""
     kinds = (lambda r: _spectral_noise(r, r.uniform(0.4, 2.2)), _stripes, _tiles, _cells, _strokes,
              lambda r: _spectral_noise(r, r.uniform(0.8, 1.6)))
-    return [kinds[i % len(kinds)](rng) for i in range(count)]
+    fields = []
+    for index in range(count):
+        field = kinds[index % len(kinds)](rng)
+        if rng.random() < 0.4:
+            field = _folded(rng, field)
+        if fields and rng.random() < 0.3:
+            field = _mixed(rng, field, fields[int(rng.integers(len(fields)))])
+        fields.append(field)
+    return fields
 
 
 def _palette(rng):
     """256 colours between two to four colours, one of them often near grey, as most things are."""
     stops = int(rng.integers(2, 5))
     base = rng.uniform(20, 235, 3)
-    if rng.random() < 0.75:
-        base = base.mean() + (base - base.mean()) * rng.uniform(0, 0.5)
+    base = base.mean() + (base - base.mean()) * (rng.uniform(0, 0.5) if rng.random() < 0.8 else rng.uniform(0.3, 1.0))
     spread = rng.uniform(8, 90)
     colours = base + spread * rng.standard_normal((stops, 1)) + spread * rng.uniform(0, 0.5) * rng.standard_normal((stops, 3))
     places = np.sort(rng.uniform(0, 255, stops))
@@ -235,7 +264,7 @@ def picture(rng, fields, side=512):
 class PicturePool:
     """A changing set of pictures: which picture stands where follows from the seed and the count of draws alone."""
 
-    def __init__(self, seed, size=192, side=512, fields=72):
+    def __init__(self, seed, size=192, side=512, fields=144):
         self.seed, self.size, self.side = seed, size, side
         self.fields = make_fields(np.random.default_rng((seed, 1)), fields)
         self.pictures = [self._make(i) for i in range(size)]

@@ -208,7 +208,8 @@ class Watch:
 def run_stage(training, book, watch, validation):
     options = training.options
     first = training.stage == STAGES[0]
-    make, size = (clips.pair, options.pairs) if first else (partial(clips.clip, side=options.side), options.clips)
+    side = clips.FULL_SIDE_PX if training.stage == STAGES[2] else options.side  # at last as the tracker sees
+    make, size = (clips.pair, options.pairs) if first else (partial(clips.clip, side=side), options.clips)
     source = footage.batches(make, options.seed, STAGES.index(training.stage), size, training.step, options.workers)
     sums, start, before = {}, time.monotonic(), training.minutes
     while training.step < training.steps() and not watch.over():
