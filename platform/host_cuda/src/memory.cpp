@@ -111,7 +111,7 @@ cudaError_t copy_async(const Copy& copy, cudaMemcpyKind kind, cudaStream_t handl
 }
 
 // On the null stream, which waits for blocking streams only. Between two device buffers the host does not
-// wait.
+// wait, and pageable memory counts as copied once it is staged: only the null stream knows when it has arrived.
 cudaError_t copy_blocking(Copy copy, cudaMemcpyKind kind) {
   if (copy.empty()) return cudaSuccess;
   Places places{};
@@ -123,7 +123,11 @@ cudaError_t copy_blocking(Copy copy, cudaMemcpyKind kind) {
     return cudaSuccess;
   }
   count(&Counters::blocking_copies);
-  submit_and_wait(*null_stream, copy);
+  if (places.to_device() && places.source == Place::kPageable && stream_mode() == StreamMode::kDeferred) {
+    submit_staged(*null_stream, copy);
+  } else {
+    submit_and_wait(*null_stream, copy);
+  }
   return cudaSuccess;
 }
 

@@ -248,6 +248,27 @@ TEST_F(DeferredCopies, BlockingOneDoesNotWaitForNonBlockingStreams) {
   EXPECT_EQ(device.on_host(), std::vector<int>{0});
 }
 
+TEST_F(DeferredCopies, BlockingOneOfPageableMemoryMayReturnBeforeItHasArrived) {
+  const DeviceArray<int> device(std::vector<int>{1});
+  PinnedArray<int> back(1);
+  const TestStream stream;
+  Gate gate;
+  gate.hold(nullptr);
+  std::vector<int> value{2};
+  ASSERT_EQ(cudaMemcpy(device.data(), value.data(), sizeof(int), cudaMemcpyHostToDevice), cudaSuccess);
+  value[0] = 3;  // the source was read
+  const auto read = [&] {
+    EXPECT_EQ(cudaMemcpyAsync(back.data(), device.data(), sizeof(int), cudaMemcpyDeviceToHost, stream),
+              cudaSuccess);
+    EXPECT_EQ(cudaStreamSynchronize(stream), cudaSuccess);
+    return back[0];
+  };
+  EXPECT_EQ(read(), 1) << "a non-blocking stream does not wait for it";
+  gate.open();
+  ASSERT_EQ(cudaStreamSynchronize(nullptr), cudaSuccess);
+  EXPECT_EQ(read(), 2);
+}
+
 TEST_F(DeferredCopies, BlockingOneBetweenDeviceBuffersDoesNotHoldTheHost) {
   const DeviceArray<int> source(std::vector<int>{7});
   const DeviceArray<int> target(std::vector<int>{0});

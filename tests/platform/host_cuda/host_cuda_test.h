@@ -139,6 +139,7 @@ class DeviceArray {
   }
   explicit DeviceArray(const std::vector<T>& values) : DeviceArray(values.size()) {
     EXPECT_EQ(cudaMemcpy(data_, values.data(), bytes(), cudaMemcpyHostToDevice), cudaSuccess);
+    EXPECT_EQ(cudaStreamSynchronize(nullptr), cudaSuccess);  // for work on any stream
   }
   ~DeviceArray() { EXPECT_EQ(cudaFree(data_), cudaSuccess); }
   DeviceArray(const DeviceArray&) = delete;

@@ -143,6 +143,9 @@ bool CudaProjectionClassifier::upload_weights(const std::vector<float>& projecti
     if (!upload(projection, impl.projection.get(), "cudaMemcpy projection", error)) return false;
   }
   if (!upload(filter, impl.filter.get(), "cudaMemcpy filter", error)) return false;
+  // A blocking copy of pageable memory may return while its last part is still on the way from the driver's staging
+  // memory, and no worker's stream waits for the default stream, which carries it: the host does.
+  if (!set_cuda_error(cudaStreamSynchronize(nullptr), "cudaMemcpy filter", error)) return false;
   impl.has_projection = use_projection;
   return true;
 }

@@ -102,6 +102,7 @@ class DeviceBatch {
     EXPECT_EQ(memory_.ensure(values.size()), cudaSuccess);
     EXPECT_EQ(cudaMemcpy(memory_.get(), values.data(), values.size() * sizeof(float), cudaMemcpyHostToDevice),
               cudaSuccess);
+    EXPECT_EQ(cudaStreamSynchronize(nullptr), cudaSuccess);  // for work on any stream
     batch.data = memory_.get();
     batch.count = static_cast<int>(patches.size());
     batch.channels = 3;

@@ -38,6 +38,7 @@ class DeviceArray {
   explicit DeviceArray(const std::vector<T>& values) : size_(values.size()) {
     require(buffer_.ensure(size_));
     require(cudaMemcpy(buffer_.get(), values.data(), size_ * sizeof(T), cudaMemcpyHostToDevice));
+    require(cudaStreamSynchronize(nullptr));  // for work on any stream
   }
   /// `count` copies of `value`.
   DeviceArray(std::size_t count, T value) : DeviceArray(std::vector<T>(count, value)) {}

@@ -149,8 +149,9 @@ TEST_F(ProjectionClassifier, NamesEachFailedAllocationAndRecovers) {
 
 TEST_F(ProjectionClassifier, NamesEachFailedUpload) {
   ASSERT_TRUE(ensure()) << error_;
-  for (const CallFault& fault : {CallFault{"cudaMemcpy", 1, "cudaMemcpy projection"},
-                                 CallFault{"cudaMemcpy", 2, "cudaMemcpy filter"}}) {
+  for (const CallFault& fault :
+       {CallFault{"cudaMemcpy", 1, "cudaMemcpy projection"}, CallFault{"cudaMemcpy", 2, "cudaMemcpy filter"},
+        CallFault{"cudaStreamSynchronize", 1, "cudaMemcpy filter"}}) {
     host::fail_call(fault.call, fault.n, cudaErrorUnknown);
     EXPECT_FALSE(upload());
     EXPECT_EQ(error_, fault.text());

@@ -4,8 +4,10 @@
 
 #include <host_cuda/control.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "classifier_fixture.h"
@@ -145,6 +147,16 @@ TEST_F(ProjectionClassifier, SmallerSizesKeepEveryBuffer) {
   ASSERT_TRUE(classifier_.project_and_classify(smaller.get(), 1, stream_.get(), &error_)) << error_;
   EXPECT_TRUE(
       close_to(reference_correlation(shape_, expected_projected(), widen(filter_)), responses(1), kFloatSum));
+}
+
+// The copies run on the null stream, for which the worker's stream does not wait.
+TEST_F(ProjectionClassifier, UploadedWeightsAreThereForWorkOnAnyStream) {
+  ASSERT_TRUE(ensure()) << error_;
+  require(host::enqueue(nullptr, "work before the copies",
+                        [] { std::this_thread::sleep_for(std::chrono::milliseconds(50)); }));
+  ASSERT_TRUE(upload() && classify(3)) << error_;
+  EXPECT_TRUE(
+      close_to(reference_correlation(shape_, expected_projected(), widen(filter_)), responses(3), kFloatSum));
 }
 
 TEST_F(ProjectionClassifier, FrameCallsAllocateNothingAndUseNoNullStream) {

@@ -96,7 +96,7 @@ TEST_F(ClassifyTensorBatch, RefreshesTheWeightsBeforeItQueuesTheNetwork) {
   // The trace notes a network as the call and as its work, a shape by call and by tensor.
   const char* const expected =
       "setInputShape getTensorShape getTensorShape(input) setTensorAddress cudaStreamWaitEvent "
-      "getTensorShape getTensorShape(coarse) cudaMemcpy cudaMemcpy "
+      "getTensorShape getTensorShape(coarse) cudaMemcpy cudaMemcpy cudaStreamSynchronize "
       "cudaEventRecord enqueueV3 enqueueV3 project_features_kernel classify_kernel cudaEventRecord "
       "cudaEventRecord cudaMemcpyAsync cudaEventRecord cudaStreamSynchronize "
       "cudaEventRecord cudaMemcpyAsync cudaEventRecord cudaStreamSynchronize "
@@ -303,6 +303,7 @@ TEST_F(ClassifyTensorBatch, NamesTheCallThatFailed) {
       {"cudaMalloc", 1, "cudaMalloc projection: invalid argument"},
       {"cudaMemcpy", 1, "cudaMemcpy projection: invalid argument"},
       {"cudaMemcpy", 2, "cudaMemcpy filter: invalid argument"},
+      {"cudaStreamSynchronize", 1, "cudaMemcpy filter: invalid argument"},
       {"cudaEventRecord", 1, "failed to record CUDA event for trt_wait start"},
       {"enqueueV3", 1, "TensorRT enqueue failed for TensorBatch classify path"},
       {"project_features_kernel", 1, "project_features_kernel: invalid argument"},

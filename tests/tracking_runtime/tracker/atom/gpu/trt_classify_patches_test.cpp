@@ -115,7 +115,7 @@ TEST_F(ClassifyPatches, QueuesTheNetworkBeforeItRefreshesTheWeights) {
   const char* const expected =
       "setTensorAddress cudaEventRecord cudaMemcpyAsync cudaEventRecord "
       "cudaEventRecord bgr8_to_rgb_planar_float_kernel cudaEventRecord "
-      "cudaEventRecord enqueueV3 enqueueV3 cudaMemcpy cudaMemcpy "
+      "cudaEventRecord enqueueV3 enqueueV3 cudaMemcpy cudaMemcpy cudaStreamSynchronize "
       "project_features_kernel classify_kernel cudaEventRecord "
       "cudaEventRecord cudaMemcpyAsync cudaEventRecord cudaStreamSynchronize "
       "cudaEventRecord cudaMemcpyAsync cudaEventRecord cudaStreamSynchronize "
@@ -153,7 +153,7 @@ TEST_F(ClassifyPatches, CopiesNoSampleWhereNoneIsWanted) {
   host_cuda::reset_counters();
   ASSERT_TRUE(atom::classify_patches(trt, trt_workers, patches, guarded(), &scratch, {&responses}, nullptr));
   EXPECT_EQ(host_cuda::counters().calls_of("cudaMemcpyAsync"), 4) << "two patches up, two responses down";
-  EXPECT_EQ(host_cuda::counters().synchronisations, 2);
+  EXPECT_EQ(host_cuda::counters().synchronisations, 4) << "each worker's weights, each response";
 }
 
 TEST_F(ClassifyPatches, AllocatesNothingOnTheDeviceOnceItIsWarm) {
@@ -213,8 +213,9 @@ TEST_F(ClassifyPatches, NamesTheCallThatFailed) {
       {"project_features_kernel", 1, "project_features_kernel: invalid argument"},
       {"classify_kernel", 1, "classify_kernel: invalid argument"},
       {"cudaEventRecord", 6, "failed to record CUDA event for trt_wait stop"},
-      {"cudaStreamSynchronize", 1, "cudaStreamSynchronize response: invalid argument"},
-      {"cudaStreamSynchronize", 2, "cudaStreamSynchronize projected sample: invalid argument"},
+      {"cudaStreamSynchronize", 2, "cudaMemcpy filter: invalid argument"},  // one for each worker's weights
+      {"cudaStreamSynchronize", 3, "cudaStreamSynchronize response: invalid argument"},
+      {"cudaStreamSynchronize", 4, "cudaStreamSynchronize projected sample: invalid argument"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(::testing::Message() << row.text << ", " << row.call << " " << row.n);
