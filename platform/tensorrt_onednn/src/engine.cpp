@@ -9,60 +9,38 @@ namespace ostrel::tensorrt_onednn {
 
 CudaEngine::CudaEngine(nvinfer1::ILogger& logger, std::shared_ptr<Network> network,
                        std::shared_ptr<std::atomic<int>> engines)
-    : logger_(logger),
-      network_(std::move(network)),
-      tensors_(io_tensors(network_->graph)),
-      engines_(std::move(engines)) {
-  ++*engines_;
-}
-
-CudaEngine::~CudaEngine() noexcept {
-  if (*contexts_ != 0) log_error(logger_, "~ICudaEngine", "destroyed while an execution context of it lived");
-  --*engines_;
-}
+    : EngineShell(logger, network, std::move(engines)), network_(std::move(network)) {}
 
 int32_t CudaEngine::getNbIOTensors() const noexcept {
-  if (told_to_fail(logger_, "getNbIOTensors")) return 0;
-  return static_cast<int32_t>(tensors_.size());
+  return told_to_fail(logger(), "getNbIOTensors") ? 0 : EngineShell::getNbIOTensors();
 }
 
 char const* CudaEngine::getIOTensorName(int32_t index) const noexcept {
-  if (told_to_fail(logger_, "getIOTensorName")) return nullptr;
-  if (index >= 0 && index < static_cast<int32_t>(tensors_.size()))
-    return tensors_[static_cast<std::size_t>(index)].name.c_str();
-  log_error(logger_, "getIOTensorName", "no such tensor");
-  return nullptr;
+  return told_to_fail(logger(), "getIOTensorName") ? nullptr : EngineShell::getIOTensorName(index);
 }
 
 nvinfer1::TensorIOMode CudaEngine::getTensorIOMode(char const* tensorName) const noexcept {
-  if (told_to_fail(logger_, "getTensorIOMode")) return nvinfer1::TensorIOMode::kNONE;
-  const std::size_t index = find_tensor(tensors_, tensorName);
-  if (index < tensors_.size()) return tensors_[index].mode;
-  log_error(logger_, "getTensorIOMode", "no such tensor");
-  return nvinfer1::TensorIOMode::kNONE;
+  if (told_to_fail(logger(), "getTensorIOMode")) return nvinfer1::TensorIOMode::kNONE;
+  return EngineShell::getTensorIOMode(tensorName);
 }
 
 nvinfer1::Dims CudaEngine::getTensorShape(char const* tensorName) const noexcept {
   constexpr const char* kCall = "ICudaEngine::getTensorShape";
-  if (told_to_fail(logger_, kCall)) return no_dims();
-  return guarded(logger_, kCall, no_dims(), [&] {
+  if (told_to_fail(logger(), kCall)) return no_dims();
+  return guarded(logger(), kCall, no_dims(), [&] {
     Sizes answer;
     if (host_cuda::take_answer(kCall, &answer)) return to_dims(answer);
-    const std::size_t index = find_tensor(tensors_, tensorName);
-    if (index == tensors_.size()) throw ModelError("no such tensor");
-    return to_dims(network_->sizes[static_cast<std::size_t>(tensors_[index].value)]);
+    return EngineShell::getTensorShape(tensorName);
   });
 }
 
 nvinfer1::IExecutionContext* CudaEngine::createExecutionContext(
     nvinfer1::ExecutionContextAllocationStrategy strategy) noexcept {
   constexpr const char* kCall = "createExecutionContext";
-  if (told_to_fail(logger_, kCall)) return nullptr;
-  return guarded<nvinfer1::IExecutionContext*>(logger_, kCall, nullptr, [&] {
-    if (strategy == nvinfer1::ExecutionContextAllocationStrategy::kUSER_MANAGED) {
-      throw ModelError("memory that the user manages is not supported");
-    }
-    return new ExecutionContext(logger_, network_, tensors_, contexts_);
+  if (told_to_fail(logger(), kCall)) return nullptr;
+  return guarded<nvinfer1::IExecutionContext*>(logger(), kCall, nullptr, [&] {
+    check_strategy(strategy);
+    return new ExecutionContext(logger(), network_, tensors(), contexts());
   });
 }
 

@@ -1,24 +1,17 @@
 #pragma once
 
-#include <NvInfer.h>
-
-#include <atomic>
-#include <memory>
-#include <vector>
-
-#include <io_tensors.h>
+#include <engine_shell.h>
 
 #include "network.h"
 
 namespace ostrel::tensorrt_onednn {
 
-// Beyond the real one it reports its destruction while contexts of it live.
-class CudaEngine final : public nvinfer1::ICudaEngine {
+// Every call can be made to fail, and shapes to be wrong.
+class CudaEngine final : public EngineShell {
  public:
   // `engines` counts the runtime's live engines.
   CudaEngine(nvinfer1::ILogger& logger, std::shared_ptr<Network> network,
              std::shared_ptr<std::atomic<int>> engines);
-  ~CudaEngine() noexcept override;
 
   int32_t getNbIOTensors() const noexcept override;
   char const* getIOTensorName(int32_t index) const noexcept override;
@@ -28,11 +21,7 @@ class CudaEngine final : public nvinfer1::ICudaEngine {
       nvinfer1::ExecutionContextAllocationStrategy strategy) noexcept override;
 
  private:
-  nvinfer1::ILogger& logger_;
   std::shared_ptr<Network> network_;
-  std::vector<IoTensor> tensors_;
-  std::shared_ptr<std::atomic<int>> engines_;
-  std::shared_ptr<std::atomic<int>> contexts_ = std::make_shared<std::atomic<int>>(0);
 };
 
 }  // namespace ostrel::tensorrt_onednn

@@ -1,8 +1,7 @@
 #include "plan_builder.h"
 
-#include <algorithm>
-
 #include <onnx_graph/shape_inference.h>
+
 #include "thread_limit.h"
 
 namespace ostrel::tensorrt_onednn {
@@ -44,69 +43,28 @@ Sizes padding_of(const Node& node, const Sizes& source) {
 }  // namespace
 
 PlanBuilder::PlanBuilder(std::shared_ptr<Network> network, const std::vector<Sizes>& input_sizes, int threads)
-    : network_(std::move(network)),
-      graph_(network_->graph),
+    : LayerPlanner(network->graph, input_sizes),
+      network_(std::move(network)),
       plan_(std::make_shared<ExecutionPlan>()),
       type_(network_->bfloat16 ? Type::bf16 : Type::f32),
-      placements_(graph_.values.size()),
-      reads_left_(graph_.values.size(), 0) {
+      placements_(graph().values.size()) {
   plan_->network_ = network_;
   plan_->wished_threads_ = threads;
   plan_->threads_ = plannable_threads(threads);
-  plan_->sizes_ = infer_sizes(graph_, input_sizes);
+  plan_->sizes_ = sizes();
   plan_->stream_ = dnnl::stream(cpu_engine());
-  for (const Node& node : graph_.nodes) element_count(sizes_of(node.output));
 }
 
 std::shared_ptr<ExecutionPlan> PlanBuilder::build() {
   const ThreadLimit limit(plan_->threads_);
-  layers_ = make_layers(graph_, plan_->sizes_);
-  place_inputs();
-  count_reads();
-  for (const Port& port : graph_.inputs) write_outputs(port.value);
-  for (const Layer& layer : layers_) add_layer(layer);
+  plan_layers();
   allocate();
   for (const Draft& draft : drafts_) plan_->steps_.push_back(finish(draft));
   return plan_;
 }
 
-void PlanBuilder::place_inputs() {
-  for (std::size_t i = 0; i < graph_.inputs.size(); ++i) {
-    const int value = graph_.inputs[i].value;
-    place(value, plain_layout(value), port_buffer(i));
-  }
-}
-
-void PlanBuilder::count_reads() {
-  const auto count = [this](int value) { ++reads_left_[static_cast<std::size_t>(value)]; };
-  for (const Layer& layer : layers_) {
-    for (const int input : layer.node->inputs) count(input);
-    if (layer.residual >= 0) count(layer.residual);
-  }
-}
-
-void PlanBuilder::add_layer(const Layer& layer) {
-  const auto read = [this](int value) { --reads_left_[static_cast<std::size_t>(value)]; };
-  for (const int input : layer.node->inputs) read(input);
-  if (layer.residual >= 0) read(layer.residual);
-  switch (layer.node->op) {
-    case Operator::kConvolution:
-      add_convolution(layer);
-      break;
-    case Operator::kMaxPool:
-      add_max_pool(layer);
-      break;
-    case Operator::kRelu:
-      add_relu(layer);
-      break;
-    case Operator::kResize:
-      add_resize(layer);
-      break;
-    default:
-      add_arithmetic(layer);
-      break;
-  }
-  write_outputs(layer.target);
+void PlanBuilder::place_input(int value, int buffer) {
+  place(value, plain_layout(value), buffer);
 }
 
 Layout PlanBuilder::weights_layout(const Node& node) const {
@@ -150,9 +108,8 @@ void PlanBuilder::add_convolution(const Layer& layer) {
   const Node& node = *layer.node;
   const auto description = describe_convolution(layer);
   const auto packed = [&](std::size_t input, const Layout& given, const Layout& wanted) {
-    const int value = node.inputs[input];
-    return network_->weights.get(value, given, graph_.values[static_cast<std::size_t>(value)].reals.data(),
-                                 wanted);
+    const int index = node.inputs[input];
+    return network_->weights.get(index, given, value(index).reals.data(), wanted);
   };
   Draft draft;
   draft.primitive = dnnl::convolution_forward(description);
@@ -235,12 +192,8 @@ void PlanBuilder::add_resize(const Layer& layer) {
   place(layer.target, layout, target);
 }
 
-// At once, while the value is sure to be there.
-void PlanBuilder::write_outputs(int value) {
-  for (std::size_t i = 0; i < graph_.outputs.size(); ++i) {
-    if (graph_.outputs[i].value != value) continue;
-    add_reorder(placements(value).front(), plain_layout(value), port_buffer(graph_.inputs.size() + i));
-  }
+void PlanBuilder::write_output(int value, int buffer) {
+  add_reorder(placements(value).front(), plain_layout(value), buffer);
 }
 
 Layout PlanBuilder::plain_layout(int value) const {
@@ -257,15 +210,9 @@ PlanBuilder::Placement PlanBuilder::fetch(int value, const Layout& layout) {
   return placements(value).back();
 }
 
-PlanBuilder::PlainOperand PlanBuilder::fetch_plain(int value) {
-  const Value& known = graph_.values[static_cast<std::size_t>(value)];
-  if (known.constant) return {-1, known.reals.data()};
-  return {fetch(value, plain_layout(value)).buffer, nullptr};
-}
-
-bool PlanBuilder::may_overwrite(int value, int buffer) const {
-  return reads_left_[static_cast<std::size_t>(value)] == 0 &&
-         buffers_[static_cast<std::size_t>(buffer)].port < 0;
+PlanBuilder::PlainOperand PlanBuilder::fetch_plain(int index) {
+  if (value(index).constant) return {-1, value(index).reals.data()};
+  return {fetch(index, plain_layout(index)).buffer, nullptr};
 }
 
 void PlanBuilder::place(int value, const Layout& layout, int buffer) {

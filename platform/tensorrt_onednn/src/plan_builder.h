@@ -1,14 +1,13 @@
 // Turns layers into the steps of a plan.
 #pragma once
 
-#include <layers.h>
-#include <memory_plan.h>
+#include <layer_planner.h>
 
 #include "execution_plan.h"
 
 namespace ostrel::tensorrt_onednn {
 
-class PlanBuilder {
+class PlanBuilder final : private LayerPlanner {
  public:
   PlanBuilder(std::shared_ptr<Network> network, const std::vector<Sizes>& input_sizes, int threads);
   std::shared_ptr<ExecutionPlan> build();
@@ -18,12 +17,6 @@ class PlanBuilder {
   struct Placement {
     dnnl::memory::desc layout;
     int buffer;
-  };
-  // An intermediate result, or the memory of an input or output.
-  struct Buffer {
-    int port = -1;
-    Lifetime lifetime;
-    bool touched = false;
   };
   struct Argument {
     int kind;  // DNNL_ARG_...
@@ -45,28 +38,22 @@ class PlanBuilder {
     PlainOperand target;
   };
 
-  void place_inputs();
-  void count_reads();
-  void add_layer(const Layer& layer);
-  void add_convolution(const Layer& layer);
-  void add_max_pool(const Layer& layer);
-  void add_relu(const Layer& layer);
-  void add_arithmetic(const Layer& layer);
-  void add_resize(const Layer& layer);
-  void write_outputs(int value);
+  void place_input(int value, int buffer) override;
+  void add_convolution(const Layer& layer) override;
+  void add_max_pool(const Layer& layer) override;
+  void add_relu(const Layer& layer) override;
+  void add_arithmetic(const Layer& layer) override;
+  void add_resize(const Layer& layer) override;
+  void write_output(int value, int buffer) override;
 
   dnnl::convolution_forward::primitive_desc describe_convolution(const Layer& layer) const;
   dnnl::memory::desc weights_layout(const Node& node) const;
   int convolution_target(const Layer& layer, const dnnl::memory::desc& layout);
 
-  const Sizes& sizes_of(int value) const { return plan_->sizes_[static_cast<std::size_t>(value)]; }
   std::vector<Placement>& placements(int value) { return placements_[static_cast<std::size_t>(value)]; }
   dnnl::memory::desc plain_layout(int value) const;
   Placement fetch(int value, const dnnl::memory::desc& layout);
-  PlainOperand fetch_plain(int value);
-  bool may_overwrite(int value, int buffer) const;
-  int new_buffer(std::size_t bytes);
-  int port_buffer(std::size_t port);
+  PlainOperand fetch_plain(int index);
   void place(int value, const dnnl::memory::desc& layout, int buffer);
   void add_reorder(const Placement& source, const dnnl::memory::desc& layout, int buffer);
   void add_scratchpad(const dnnl::memory::desc& layout, Draft* draft);
@@ -79,14 +66,10 @@ class PlanBuilder {
   PlainPointer bind(const PlainOperand& operand) const;
 
   std::shared_ptr<Network> network_;
-  const Graph& graph_;
   std::shared_ptr<ExecutionPlan> plan_;
   dnnl::memory::data_type type_;  // of convolutions
   std::vector<std::vector<Placement>> placements_;
-  std::vector<int> reads_left_;
-  std::vector<Buffer> buffers_;
   std::vector<Draft> drafts_;
-  std::vector<Layer> layers_;
 };
 
 }  // namespace ostrel::tensorrt_onednn

@@ -14,44 +14,16 @@ constexpr std::size_t kLargestBlock = std::size_t{1} << 36;
 
 }  // namespace
 
-int PlanBuilder::new_buffer(std::size_t bytes) {
-  Buffer buffer;
-  buffer.lifetime.bytes = bytes;
-  buffers_.push_back(buffer);
-  return static_cast<int>(buffers_.size()) - 1;
-}
-
-int PlanBuilder::port_buffer(std::size_t port) {
-  Buffer buffer;
-  buffer.port = static_cast<int>(port);
-  buffers_.push_back(buffer);
-  return static_cast<int>(buffers_.size()) - 1;
-}
-
 void PlanBuilder::add_step(Draft draft) {
   const std::size_t step = drafts_.size();
-  const auto touch = [&](int index) {
-    if (index < 0) return;
-    Buffer& buffer = buffers_[static_cast<std::size_t>(index)];
-    if (!buffer.touched) buffer.lifetime.first_step = step;
-    buffer.touched = true;
-    buffer.lifetime.last_step = step;
-  };
-  for (const Argument& argument : draft.arguments) touch(argument.buffer);
-  for (const PlainOperand* operand : {&draft.first, &draft.second, &draft.target}) touch(operand->buffer);
+  for (const Argument& argument : draft.arguments) touch(argument.buffer, step);
+  for (const PlainOperand* operand : {&draft.first, &draft.second, &draft.target})
+    touch(operand->buffer, step);
   drafts_.push_back(std::move(draft));
 }
 
 void PlanBuilder::allocate() {
-  std::vector<Lifetime> lifetimes;
-  std::vector<std::size_t> owners;
-  for (std::size_t i = 0; i < buffers_.size(); ++i) {
-    if (buffers_[i].port >= 0 || !buffers_[i].touched) continue;
-    lifetimes.push_back(buffers_[i].lifetime);
-    owners.push_back(i);
-  }
-  const std::size_t bytes = place_buffers(&lifetimes, kBufferAlignment);
-  for (std::size_t i = 0; i < owners.size(); ++i) buffers_[owners[i]].lifetime = lifetimes[i];
+  const std::size_t bytes = place_touched_buffers(kBufferAlignment);
   plan_->intermediate_bytes_ = bytes;
   if (bytes == 0) return;
   if (bytes > kLargestBlock) {
@@ -62,13 +34,13 @@ void PlanBuilder::allocate() {
 }
 
 void* PlanBuilder::address_of(int buffer) const {
-  return static_cast<char*>(plan_->block_.get()) + buffers_[static_cast<std::size_t>(buffer)].lifetime.offset;
+  return static_cast<char*>(plan_->block_.get()) + offset_of(buffer);
 }
 
 dnnl_exec_arg_t PlanBuilder::bind(const Argument& argument) {
   dnnl::memory memory = argument.fixed;
   if (argument.buffer >= 0) {
-    const int port = buffers_[static_cast<std::size_t>(argument.buffer)].port;
+    const int port = port_of(argument.buffer);
     void* const address = port >= 0 ? nullptr : address_of(argument.buffer);
     memory = dnnl::memory(argument.layout, cpu_engine(), address);
     if (port >= 0) plan_->port_memories_.push_back({port, memory});
@@ -79,7 +51,7 @@ dnnl_exec_arg_t PlanBuilder::bind(const Argument& argument) {
 
 PlainPointer PlanBuilder::bind(const PlainOperand& operand) const {
   if (operand.buffer < 0) return {const_cast<float*>(operand.constant), -1};  // operands are only read
-  const int port = buffers_[static_cast<std::size_t>(operand.buffer)].port;
+  const int port = port_of(operand.buffer);
   if (port >= 0) return {nullptr, port};
   return {static_cast<float*>(address_of(operand.buffer)), -1};
 }
