@@ -31,17 +31,27 @@ class Pieces {
   std::vector<char> bytes_;
 };
 
-// From (out, in, rows, columns) to (out, rows, columns, in).
+// From (out, in, rows, columns) to (out, rows, columns, in), with zeros for the channels that both sides are filled up
+// with.
 std::vector<float> channels_last(const std::vector<float>& weights, const Sizes& sizes) {
+  const MapSizes stored = stored_weights(Format::kChannelsLastFloat16, sizes);
   const auto channels = static_cast<std::size_t>(sizes[1]);
+  const auto stored_channels = static_cast<std::size_t>(stored.channels);
   const auto taps = static_cast<std::size_t>(sizes[2] * sizes[3]);
-  std::vector<float> turned(weights.size());
+  std::vector<float> turned(static_cast<std::size_t>(stored.count()), 0.0F);
   for (std::size_t i = 0; i < weights.size(); ++i) {
     const std::size_t tap = i % taps;
     const std::size_t channel = i / taps % channels;
-    turned[(i / taps / channels * taps + tap) * channels + channel] = weights[i];
+    turned[(i / taps / channels * taps + tap) * stored_channels + channel] = weights[i];
   }
   return turned;
+}
+
+// One value per output channel as stored; zeros without any.
+std::vector<float> filled_bias(const std::vector<float>& bias, int channels) {
+  std::vector<float> filled = bias;
+  filled.resize(static_cast<std::size_t>(channels), 0.0F);
+  return filled;
 }
 
 const Value& value_of(const Graph& graph, int value) {
@@ -56,13 +66,15 @@ DeviceConstants::DeviceConstants(const Graph& graph, Format format)
   for (const Node& node : graph.nodes) {
     if (node.op == Operator::kConvolution) {
       const Value& weights = value_of(graph, node.inputs[1]);
-      const bool plain = format == Format::kPlainFloat32;
+      const Format own = convolution_format(format, node);
+      const bool plain = own == Format::kPlainFloat32;
       const auto output = static_cast<std::size_t>(node.output);
-      weights_[output] =
-          pieces.add(plain ? weights.reals : channels_last(weights.reals, weights.sizes), format);
-      const std::vector<float> zeros(static_cast<std::size_t>(weights.sizes[0]), 0.0F);
+      weights_[output] = pieces.add(plain ? weights.reals : channels_last(weights.reals, weights.sizes), own);
+      const bool biased = node.inputs.size() == 3;
       biases_[output] =
-          pieces.add(node.inputs.size() == 3 ? value_of(graph, node.inputs[2]).reals : zeros, format);
+          pieces.add(filled_bias(biased ? value_of(graph, node.inputs[2]).reals : std::vector<float>(),
+                                 stored_weights(own, weights.sizes).samples),
+                     own);
       continue;
     }
     for (const int input : node.inputs) {
@@ -72,6 +84,16 @@ DeviceConstants::DeviceConstants(const Graph& graph, Format format)
     }
   }
   memory_ = pieces.upload();
+}
+
+Format convolution_format(Format network, const Node& convolution) {
+  return convolution.window.groups == 1 ? network : Format::kPlainFloat32;
+}
+
+MapSizes stored_weights(Format format, const Sizes& sizes) {
+  MapSizes stored = stored_sizes(format, map_sizes(sizes));
+  stored.samples = filled_channels(format, stored.samples);
+  return stored;
 }
 
 MapSizes map_sizes(const Sizes& sizes) {

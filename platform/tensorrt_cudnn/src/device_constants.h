@@ -11,7 +11,7 @@ namespace ostrel::tensorrt_cudnn {
 class DeviceConstants {
  public:
   DeviceConstants() = default;
-  // Convolutions run in `format`. Throws ModelError.
+  // Convolutions run in what convolution_format() says for `format`. Throws ModelError.
   DeviceConstants(const Graph& graph, Format format);
 
   const void* weights(const Node& convolution) const { return at(weights_, convolution.output); }
@@ -31,7 +31,14 @@ class DeviceConstants {
   std::vector<std::size_t> plain_;  // by the constant's value
 };
 
+// What a convolution runs in where the network's convolutions run in `network`: 32 bits with groups, whose channels
+// cannot be filled up to what tensor cores want.
+Format convolution_format(Format network, const Node& convolution);
+
 // A shape of four dimensions as the kernels take it.
 MapSizes map_sizes(const Sizes& sizes);
+
+// Weights (out, in / groups, rows, columns) as they lie in memory, both kinds of channels filled up.
+MapSizes stored_weights(Format format, const Sizes& sizes);
 
 }  // namespace ostrel::tensorrt_cudnn

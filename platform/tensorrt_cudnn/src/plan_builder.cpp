@@ -22,72 +22,32 @@ bool same_on_both_sides(const Window& window, std::size_t axis, std::int64_t lea
 
 PlanBuilder::PlanBuilder(std::shared_ptr<const Network> network, cudnnHandle_t cudnn,
                          const std::vector<Sizes>& input_sizes)
-    : network_(std::move(network)),
-      graph_(network_->graph),
+    : LayerPlanner(network->graph, input_sizes),
+      network_(std::move(network)),
       cudnn_(cudnn),
       plan_(std::make_shared<ExecutionPlan>()),
-      placements_(graph_.values.size()),
-      reads_left_(graph_.values.size(), 0) {
+      placements_(graph().values.size()) {
   plan_->network_ = network_;
-  plan_->sizes_ = infer_sizes(graph_, input_sizes);
-  for (const Node& node : graph_.nodes) element_count(sizes_of(node.output));
+  plan_->sizes_ = sizes();
 }
 
 std::shared_ptr<const ExecutionPlan> PlanBuilder::build() {
-  layers_ = make_layers(graph_, plan_->sizes_);
-  place_inputs();
-  count_reads();
-  for (const Port& port : graph_.inputs) write_outputs(port.value);
-  for (const Layer& layer : layers_) add_layer(layer);
+  plan_layers();
   allocate();
   return plan_;
 }
 
-void PlanBuilder::place_inputs() {
-  for (std::size_t i = 0; i < graph_.inputs.size(); ++i) {
-    place(graph_.inputs[i].value, Format::kPlainFloat32, port_buffer(i));
-  }
-}
-
-void PlanBuilder::count_reads() {
-  const auto count = [this](int value) { ++reads_left_[static_cast<std::size_t>(value)]; };
-  for (const Layer& layer : layers_) {
-    for (const int input : layer.node->inputs) count(input);
-    if (layer.residual >= 0) count(layer.residual);
-  }
-}
-
-void PlanBuilder::add_layer(const Layer& layer) {
-  const auto read = [this](int value) { --reads_left_[static_cast<std::size_t>(value)]; };
-  for (const int input : layer.node->inputs) read(input);
-  if (layer.residual >= 0) read(layer.residual);
-  switch (layer.node->op) {
-    case Operator::kConvolution:
-      add_convolution(layer);
-      break;
-    case Operator::kMaxPool:
-      add_max_pool(layer);
-      break;
-    case Operator::kRelu:
-      add_relu(layer);
-      break;
-    case Operator::kResize:
-      add_resize(layer);
-      break;
-    default:
-      add_arithmetic(layer);
-      break;
-  }
-  write_outputs(layer.target);
+void PlanBuilder::place_input(int value, int buffer) {
+  place(value, Format::kPlainFloat32, buffer);
 }
 
 ConvolutionShape PlanBuilder::describe(const Layer& layer) const {
   const Node& node = *layer.node;
   ConvolutionShape shape;
-  shape.format = network_->format;
-  shape.source = map_sizes(sizes_of(node.inputs[0]));
-  shape.weights = map_sizes(sizes_of(node.inputs[1]));
-  shape.target = map_sizes(sizes_of(node.output));
+  shape.format = convolution_format(network_->format, node);
+  shape.source = stored(shape.format, node.inputs[0]);
+  shape.weights = stored_weights(shape.format, sizes_of(node.inputs[1]));
+  shape.target = stored(shape.format, node.output);
   shape.window.stride_rows = to_int(node.window.strides[0]);
   shape.window.stride_columns = to_int(node.window.strides[1]);
   shape.window.dilation_rows = to_int(node.window.dilations[0]);
@@ -124,18 +84,18 @@ Operand PlanBuilder::padded_source(const Layer& layer, ConvolutionShape* shape) 
 }
 
 // The sum is made over the residual where nothing needs it any more.
-int PlanBuilder::convolution_target(const Layer& layer, int residual) {
+int PlanBuilder::convolution_target(const Layer& layer, int residual, Format format) {
   if (residual >= 0 && layer.residual != layer.node->inputs[0] && may_overwrite(layer.residual, residual)) {
     return residual;
   }
-  return new_buffer(network_->format, layer.target);
+  return new_buffer_for(layer.target, format);
 }
 
 void PlanBuilder::add_convolution(const Layer& layer) {
   ConvolutionShape shape = describe(layer);
   const Operand source = padded_source(layer, &shape);
   const int residual = layer.residual < 0 ? -1 : fetch(layer.residual, shape.format);
-  const int target = convolution_target(layer, residual);
+  const int target = convolution_target(layer, residual, shape.format);
   auto step = std::make_unique<ConvolutionStep>(cudnn_, shape);
   step->set_operand(ConvolutionStep::kSource, source);
   step->set_operand(ConvolutionStep::kWeights, constant(network_->constants.weights(*layer.node)));
@@ -163,9 +123,10 @@ void PlanBuilder::add_max_pool(const Layer& layer) {
   window.dilation_columns = to_int(node.window.dilations[1]);
   window.top = to_int(pads[0]);
   window.left = to_int(pads[1]);
-  const int target = new_buffer(source.format, layer.target);
-  add_step(std::make_unique<MaxPoolStep>(source.format, in_buffer(source.buffer), map_sizes(sizes_of(value)),
-                                         in_buffer(target), map_sizes(sizes_of(layer.target)), window));
+  const int target = new_buffer_for(layer.target, source.format);
+  add_step(std::make_unique<MaxPoolStep>(source.format, in_buffer(source.buffer),
+                                         stored(source.format, value), in_buffer(target),
+                                         stored(source.format, layer.target), window));
   place(layer.target, source.format, target);
 }
 
@@ -173,9 +134,9 @@ void PlanBuilder::add_relu(const Layer& layer) {
   const int value = layer.node->inputs[0];
   const Placement source = placements(value).front();
   const int target =
-      may_overwrite(value, source.buffer) ? source.buffer : new_buffer(source.format, layer.target);
+      may_overwrite(value, source.buffer) ? source.buffer : new_buffer_for(layer.target, source.format);
   add_step(std::make_unique<ReluStep>(source.format, in_buffer(source.buffer), in_buffer(target),
-                                      element_count(sizes_of(value))));
+                                      elements(source.format, value)));
   place(layer.target, source.format, target);
 }
 
@@ -186,7 +147,7 @@ void PlanBuilder::add_arithmetic(const Layer& layer) {
   const Operand second = fetch_plain(node.inputs[1]);
   const bool in_place =
       first.buffer >= 0 && sizes_of(value) == sizes_of(layer.target) && may_overwrite(value, first.buffer);
-  const int target = in_place ? first.buffer : new_buffer(Format::kPlainFloat32, layer.target);
+  const int target = in_place ? first.buffer : new_buffer_for(layer.target, Format::kPlainFloat32);
   add_step(std::make_unique<ArithmeticStep>(node.op, first, sizes_of(value), second, sizes_of(node.inputs[1]),
                                             in_buffer(target), sizes_of(layer.target)));
   place(layer.target, Format::kPlainFloat32, target);
@@ -195,19 +156,14 @@ void PlanBuilder::add_arithmetic(const Layer& layer) {
 void PlanBuilder::add_resize(const Layer& layer) {
   const int value = layer.node->inputs[0];
   const Operand source = fetch_plain(value);
-  const int target = new_buffer(Format::kPlainFloat32, layer.target);
+  const int target = new_buffer_for(layer.target, Format::kPlainFloat32);
   add_step(std::make_unique<ResizeStep>(layer.node->resize, source, sizes_of(value), in_buffer(target),
                                         sizes_of(layer.target)));
   place(layer.target, Format::kPlainFloat32, target);
 }
 
-// At once, while the value is sure to be there.
-void PlanBuilder::write_outputs(int value) {
-  for (std::size_t i = 0; i < graph_.outputs.size(); ++i) {
-    if (graph_.outputs[i].value != value) continue;
-    add_reorder(placements(value).front(), value, Format::kPlainFloat32,
-                port_buffer(graph_.inputs.size() + i));
-  }
+void PlanBuilder::write_output(int value, int buffer) {
+  add_reorder(placements(value).front(), value, Format::kPlainFloat32, buffer);
 }
 
 }  // namespace ostrel::tensorrt_cudnn

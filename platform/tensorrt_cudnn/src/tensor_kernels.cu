@@ -149,10 +149,11 @@ __global__ void relu_kernel(const Element* source, Element* target, std::int64_t
 }
 
 template <typename From, typename To>
-__global__ void reorder_kernel(const From* source, To* target, MapSizes sizes) {
-  for_each_element(count_of(sizes), [&](std::int64_t t) {
-    const Place at = Order<To>::place(sizes, t);
-    store(to_float(source[Order<From>::index(sizes, at)]), target + t);
+__global__ void reorder_kernel(const From* source, MapSizes source_sizes, To* target, MapSizes target_sizes) {
+  for_each_element(count_of(target_sizes), [&](std::int64_t t) {
+    const Place at = Order<To>::place(target_sizes, t);
+    const bool inside = at.channel < source_sizes.channels;
+    store(inside ? to_float(source[Order<From>::index(source_sizes, at)]) : 0.0F, target + t);
   });
 }
 
@@ -253,13 +254,15 @@ cudaError_t launch_relu(Format format, const void* source, void* target, std::in
 
 cudaError_t launch_reorder(Format from, const void* source, void* target, const MapSizes& sizes,
                            cudaStream_t stream) {
-  const unsigned blocks = blocks_for(sizes.count());
+  const MapSizes half = stored_sizes(Format::kChannelsLastFloat16, sizes);
   if (from == Format::kPlainFloat32) {
-    return launch_kernel("reorder_kernel", reorder_kernel<float, __half>, blocks, kThreads, 0, stream,
-                         static_cast<const float*>(source), static_cast<__half*>(target), sizes);
+    return launch_kernel("reorder_kernel", reorder_kernel<float, __half>, blocks_for(half.count()), kThreads,
+                         0, stream, static_cast<const float*>(source), sizes, static_cast<__half*>(target),
+                         half);
   }
-  return launch_kernel("reorder_kernel", reorder_kernel<__half, float>, blocks, kThreads, 0, stream,
-                       static_cast<const __half*>(source), static_cast<float*>(target), sizes);
+  return launch_kernel("reorder_kernel", reorder_kernel<__half, float>, blocks_for(sizes.count()), kThreads,
+                       0, stream, static_cast<const __half*>(source), half, static_cast<float*>(target),
+                       sizes);
 }
 
 cudaError_t launch_arithmetic(const ArithmeticShape& shape, const float* first, const float* second,

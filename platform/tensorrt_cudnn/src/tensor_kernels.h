@@ -10,8 +10,8 @@
 
 namespace ostrel::tensorrt_cudnn {
 
-// kPlainFloat32: row-major 32-bit floats (N, C, H, W). kChannelsLastFloat16: 16-bit floats (N, H, W, C), as tensor
-// cores like them; maps of four dimensions alone.
+// kPlainFloat32: row-major 32-bit floats (N, C, H, W). kChannelsLastFloat16: 16-bit floats (N, H, W, C), maps of four
+// dimensions alone, their channels filled up with zeros to a multiple of kChannelBlock, as tensor cores want them.
 enum class Format { kPlainFloat32, kChannelsLastFloat16 };
 
 constexpr std::size_t element_bytes(Format format) {
@@ -24,8 +24,21 @@ struct MapSizes {
   int rows = 1;
   int columns = 1;
 
-  std::int64_t count() const { return std::int64_t{samples} * channels * rows * columns; }
+  constexpr std::int64_t count() const { return std::int64_t{samples} * channels * rows * columns; }
 };
+
+constexpr int kChannelBlock = 8;
+
+constexpr int filled_channels(Format format, int channels) {
+  if (format == Format::kPlainFloat32) return channels;
+  return (channels + kChannelBlock - 1) / kChannelBlock * kChannelBlock;
+}
+
+// A map as it lies in memory, which is what the kernels and cuDNN take for its sizes.
+constexpr MapSizes stored_sizes(Format format, MapSizes map) {
+  map.channels = filled_channels(format, map.channels);
+  return map;
+}
 
 struct PoolWindow {
   int rows = 1;
@@ -49,7 +62,7 @@ cudaError_t launch_pad(Format format, const void* source, const MapSizes& source
 cudaError_t launch_relu(Format format, const void* source, void* target, std::int64_t count,
                         cudaStream_t stream);
 
-// From one format into the other; the formats differ.
+// From one format into the other; the formats differ. `sizes` without filled up channels.
 cudaError_t launch_reorder(Format from, const void* source, void* target, const MapSizes& sizes,
                            cudaStream_t stream);
 

@@ -9,7 +9,9 @@ namespace {
 
 using ::testing::HasSubstr;
 
-constexpr int kNotSupported = 3000;  // CUDNN_STATUS_NOT_SUPPORTED
+constexpr int kNotSupported = 3000;        // CUDNN_STATUS_NOT_SUPPORTED
+constexpr int kNotSupportedLayout = 3004;  // of the same category
+constexpr int kExecutionFailed = 5000;     // CUDNN_STATUS_EXECUTION_FAILED
 
 // A convolution with or without a ReLU behind it.
 std::string one_convolution(bool rectified) {
@@ -84,17 +86,59 @@ TEST_F(CudnnCalls, FallBackToTheOtherAlgorithm) {
   EXPECT_EQ(loaded.logger.errors(), "");
 }
 
-// The other algorithm cannot go without a ReLU.
-TEST_F(CudnnCalls, RefuseTheShapeWhereNoAlgorithmIsLeft) {
+// The other algorithm cannot go at once without a ReLU.
+TEST_F(CudnnCalls, RunTheOtherAlgorithmInPartsWithoutARelu) {
+  const Tensor source = random_tensor({1, 2, 6, 6}, 1);
+  const auto expected = run_model(one_convolution(false), {source});
   LoadedEngine loaded(one_convolution(false));
   BoundContext context(loaded.engine.get());
   host_cuda::fail_call("cudnnGetConvolutionForwardWorkspaceSize", 1, kNotSupported);
+  host_cuda::reset_counters();
+  expect_near(context.run({source})[0], expected[0], 1e-6);
+  EXPECT_EQ(host_cuda::counters().calls_of("cudnnConvolutionBiasActivationForward"), 0);
+  EXPECT_EQ(loaded.logger.errors(), "");
+}
+
+TEST_F(CudnnCalls, RefuseTheShapeWhereNoAlgorithmIsLeft) {
+  LoadedEngine loaded(one_convolution(true));
+  BoundContext context(loaded.engine.get());
+  host_cuda::fail_call("cudnnGetConvolutionForwardWorkspaceSize", 1, kNotSupported);
+  host_cuda::fail_call("cudnnGetConvolutionForwardWorkspaceSize", 2, kNotSupported);
   EXPECT_FALSE(context.get()->setInputShape("x", dims_of({1, 2, 6, 6})));
   EXPECT_THAT(
       loaded.logger.errors(),
       HasSubstr("setInputShape: cudnnGetConvolutionForwardWorkspaceSize: CUDNN_STATUS_NOT_SUPPORTED"));
   EXPECT_EQ(shape_of(context.get()->getTensorShape("x")), (Shape{-1, 2, 6, 6}));
   EXPECT_TRUE(context.get()->setInputShape("x", dims_of({1, 2, 6, 6})));
+}
+
+// Residuals lie in the target or elsewhere; both occur in a trunk.
+TEST_F(CudnnCalls, GoInPartsWhereCudnnDoesNotTakeAllAtOnce) {
+  TrunkOptions options = tiny_trunk();
+  const Tensor picture = picture_of(backbone::calibration_picture(32, 3));
+  for (const auto precision : {backbone::Precision::kFloat32, backbone::Precision::kFloat16}) {
+    options.precision = precision;
+    const auto expected = run_model(backbone::trunk_bytes(options), {picture});
+    LoadedEngine loaded(backbone::trunk_bytes(options));
+    BoundContext context(loaded.engine.get());
+    host_cuda::fail_every_call("cudnnConvolutionBiasActivationForward", kNotSupportedLayout);
+    host_cuda::reset_counters();
+    const auto first = context.run({picture});
+    const auto tried = host_cuda::counters().calls_of("cudnnConvolutionBiasActivationForward");
+    EXPECT_EQ(host_cuda::counters().calls_of("cudnnConvolutionForward"), tried);
+    const auto second = context.run({picture});
+    EXPECT_EQ(host_cuda::counters().calls_of("cudnnConvolutionBiasActivationForward"), tried)
+        << "what was refused once is not tried again";
+    EXPECT_EQ(host_cuda::counters().calls_of("cudnnAddTensor"), 2 * tried);
+    EXPECT_EQ(loaded.logger.errors(), "");
+    host_cuda::clear_faults();
+    ASSERT_EQ(first.size(), expected.size());
+    const double tolerance = precision == backbone::Precision::kFloat32 ? 1e-6 : 4e-3;  // a rounding more
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+      EXPECT_LT(relative_rms_difference(first[i], expected[i]), tolerance) << i;
+      expect_near(second[i], first[i], 0.0);
+    }
+  }
 }
 
 TEST_F(CudnnCalls, TellWhatFailsAtTheLoad) {
@@ -146,12 +190,17 @@ TEST_F(CudnnCalls, TellWhatFailsInTheRun) {
   BoundContext context(loaded.engine.get());
   context.bind({source});
   context.upload({source});
-  for (const char* call : {"cudnnSetStream", "cudnnConvolutionBiasActivationForward"}) {
-    host_cuda::fail_call(call, 1, kNotSupported);
-    EXPECT_FALSE(context.get()->enqueueV3(context.stream().get()));
+  const auto expect_told = [&](const char* call) {
+    host_cuda::fail_call(call, 1, kExecutionFailed);
+    EXPECT_FALSE(context.get()->enqueueV3(context.stream().get())) << call;
     EXPECT_THAT(loaded.logger.errors(),
-                HasSubstr(std::string("enqueueV3: ") + call + ": CUDNN_STATUS_NOT_SUPPORTED"));
-  }
+                HasSubstr(std::string("enqueueV3: ") + call + ": CUDNN_STATUS_EXECUTION_FAILED"));
+  };
+  expect_told("cudnnSetStream");
+  expect_told("cudnnConvolutionBiasActivationForward");
+  host_cuda::fail_call("cudnnConvolutionBiasActivationForward", 1, kNotSupported);
+  expect_told("cudnnConvolutionForward");
+  expect_told("cudnnAddTensor");
   EXPECT_TRUE(context.get()->enqueueV3(context.stream().get()));
   context.stream().wait();
 }

@@ -42,18 +42,55 @@ TEST(Float16, MixesWithOperatorsInFloat32) {
   expect_close_and_rounded(run_model(model.bytes(), {source}), full);
 }
 
-TEST(Float16, TakesUnequalPaddingAndGroups) {
-  const Tensor source = random_tensor({2, 4, 7, 5}, 1);
-  const Tensor weights = random_tensor({6, 2, 3, 2}, 2);
+// A convolution whose padding differs between the sides.
+void add_unequal_padding(OnnxModelBuilder* model, const Tensor& source, const Tensor& weights, int groups) {
   NodeAttributes attributes;
   attributes.lists = {{"pads", {1, 0, 2, 1}}, {"strides", {2, 1}}};
-  attributes.integers["group"] = 2;
-  OnnxModelBuilder model("unequal");
+  attributes.integers["group"] = groups;
+  model->input("x", source.shape).constant("w", weights.shape, weights.values);
+  model->node("Conv", {"x", "w"}, {"y"}, attributes).output("y", {});
+}
+
+// Tensor cores want multiples of eight channels.
+TEST(Float16, TakesUnequalPaddingAndAnyNumberOfChannels) {
+  for (const std::int64_t channels : {1, 3, 4, 8, 9}) {
+    const Tensor source = random_tensor({2, channels, 7, 5}, 1);
+    const Tensor weights = random_tensor({6, channels, 3, 2}, 2);
+    OnnxModelBuilder model("unequal");
+    add_unequal_padding(&model, source, weights, 1);
+    const auto full = run_model(model.bytes(), {source});
+    model.metadata("precision", "float16");
+    expect_close_and_rounded(run_model(model.bytes(), {source}), full);
+  }
+}
+
+TEST(Float16, FillsUpTheChannelsBetweenConvolutionsPoolingAndSums) {
+  const Tensor source = random_tensor({1, 3, 9, 9}, 1);
+  const Tensor weights = random_tensor({5, 3, 3, 3}, 2);
+  const Tensor square = random_tensor({5, 5, 3, 3}, 3);
+  const Tensor bias = random_tensor({5}, 4);
+  NodeAttributes padded;
+  padded.lists = {{"pads", {1, 1, 1, 1}}};
+  NodeAttributes window;
+  window.lists = {{"kernel_shape", {3, 3}}, {"strides", {2, 2}}, {"pads", {1, 1, 1, 1}}};
+  OnnxModelBuilder model("filled");
   model.input("x", source.shape).constant("w", weights.shape, weights.values);
-  model.node("Conv", {"x", "w"}, {"y"}, attributes).output("y", {});
+  model.constant("v", square.shape, square.values).constant("b", bias.shape, bias.values);
+  model.node("Conv", {"x", "w", "b"}, {"c"}, padded).node("MaxPool", {"c"}, {"p"}, window);
+  model.node("Relu", {"p"}, {"r"}).node("Conv", {"r", "v", "b"}, {"d"}, padded);
+  model.node("Add", {"d", "r"}, {"s"}).node("Relu", {"s"}, {"y"}).output("y", {}).output("p", {});
   const auto full = run_model(model.bytes(), {source});
   model.metadata("precision", "float16");
   expect_close_and_rounded(run_model(model.bytes(), {source}), full);
+}
+
+TEST(Float16, KeepsGroupsInFloat32) {
+  const Tensor source = random_tensor({2, 4, 7, 5}, 1);
+  OnnxModelBuilder model("groups");
+  add_unequal_padding(&model, source, random_tensor({6, 2, 3, 2}, 2), 2);
+  const auto full = run_model(model.bytes(), {source});
+  model.metadata("precision", "float16");
+  expect_near(run_model(model.bytes(), {source})[0], full[0], 0.0);
 }
 
 TEST(Bfloat16, RunsInFloat32WithAWarning) {

@@ -1,6 +1,7 @@
 // The calls of cuDNN 9 that platform/tensorrt_cudnn makes, with plain loops behind them, so that plans, layouts and
 // kernels are tested on a machine without a GPU. Values of enumerations and signatures are those of the vendor's
-// header. Beyond the real one every descriptor is checked against the others.
+// header. Beyond the real one every descriptor is checked against the others, and 16-bit floats are taken for channels in
+// multiples of eight alone.
 #pragma once
 
 #include <cuda_runtime.h>
@@ -11,8 +12,11 @@ enum cudnnStatus_t {
   CUDNN_STATUS_SUCCESS = 0,
   CUDNN_STATUS_BAD_PARAM = 2000,
   CUDNN_STATUS_NOT_SUPPORTED = 3000,
+  CUDNN_STATUS_NOT_SUPPORTED_LAYOUT = 3004,
   CUDNN_STATUS_EXECUTION_FAILED = 5000
 };
+#define CUDNN_STATUS_CATEGORY(status) ((status) / 1000 * 1000)
+
 enum cudnnDataType_t { CUDNN_DATA_FLOAT = 0, CUDNN_DATA_HALF = 2 };
 enum cudnnTensorFormat_t { CUDNN_TENSOR_NCHW = 0, CUDNN_TENSOR_NHWC = 1 };
 enum cudnnMathType_t { CUDNN_DEFAULT_MATH = 0, CUDNN_TENSOR_OP_MATH = 1, CUDNN_FMA_MATH = 3 };
@@ -68,6 +72,18 @@ cudnnStatus_t cudnnGetConvolutionForwardWorkspaceSize(cudnnHandle_t handle, cudn
 
 // Refuses (CUDNN_STATUS_BAD_PARAM) shapes that do not fit, formats and types that differ, a work space that is too
 // small, and an identity with another algorithm than IMPLICIT_PRECOMP_GEMM.
+cudnnStatus_t cudnnConvolutionForward(cudnnHandle_t handle, const void* alpha,
+                                      cudnnTensorDescriptor_t source_shape, const void* source,
+                                      cudnnFilterDescriptor_t weights_shape, const void* weights,
+                                      cudnnConvolutionDescriptor_t convolution,
+                                      cudnnConvolutionFwdAlgo_t algorithm, void* workspace,
+                                      std::size_t workspace_bytes, const void* beta,
+                                      cudnnTensorDescriptor_t target_shape, void* target);
+
+cudnnStatus_t cudnnAddTensor(cudnnHandle_t handle, const void* alpha, cudnnTensorDescriptor_t bias_shape,
+                             const void* bias, const void* beta, cudnnTensorDescriptor_t target_shape,
+                             void* target);
+
 cudnnStatus_t cudnnConvolutionBiasActivationForward(
     cudnnHandle_t handle, const void* alpha1, cudnnTensorDescriptor_t source_shape, const void* source,
     cudnnFilterDescriptor_t weights_shape, const void* weights, cudnnConvolutionDescriptor_t convolution,

@@ -106,8 +106,8 @@ struct Work {
   }
 
   void run_one(int n, int k, int y, int x) const {
-    double value =
-        static_cast<double>(source_share) * products(n, k, y, x) + load(bias_shape, bias, 0, k, 0, 0);
+    double value = static_cast<double>(source_share) * products(n, k, y, x);
+    if (bias != nullptr) value += load(bias_shape, bias, 0, k, 0, 0);
     if (residual_share != 0.0F) {
       value += static_cast<double>(residual_share) * load(target_shape, residual, n, k, y, x);
     }
@@ -119,6 +119,26 @@ struct Work {
       for (int k = 0; k < target_shape.c; ++k) {
         for (int y = 0; y < target_shape.h; ++y) {
           for (int x = 0; x < target_shape.w; ++x) run_one(n, k, y, x);
+        }
+      }
+    }
+  }
+};
+
+// Adds the bias of each channel.
+struct BiasWork {
+  Described bias_shape, target_shape;
+  const void* bias;
+  void* target;
+
+  void operator()() const {
+    const Described& map = target_shape;
+    for (int n = 0; n < map.n; ++n) {
+      for (int k = 0; k < map.c; ++k) {
+        const double added = load(bias_shape, bias, 0, k, 0, 0);
+        for (int y = 0; y < map.h; ++y) {
+          for (int x = 0; x < map.w; ++x)
+            store(load(map, target, n, k, y, x) + added, map, target, n, k, y, x);
         }
       }
     }
@@ -137,6 +157,11 @@ bool same(const Described& a, const Described& b) {
   return alike(a, b) && a.n == b.n && a.c == b.c && a.h == b.h && a.w == b.w;
 }
 
+// The real one pads what its tensor cores need in some layouts and versions, and refuses in others.
+bool fits_tensor_cores(const Described& map) {
+  return map.type == CUDNN_DATA_FLOAT || map.c % 8 == 0;
+}
+
 bool fits(const Described& source, const Described& weights, const cudnnConvolutionStruct& walk,
           const Described& target) {
   const cudnnMathType_t math = source.type == CUDNN_DATA_FLOAT ? CUDNN_FMA_MATH : CUDNN_TENSOR_OP_MATH;
@@ -144,6 +169,23 @@ bool fits(const Described& source, const Described& weights, const cudnnConvolut
          target.c == weights.n && weights.c * walk.groups == source.c && weights.n % walk.groups == 0 &&
          target.h == output_size(source.h, walk.pad_h, weights.h, walk.dilation_h, walk.stride_h) &&
          target.w == output_size(source.w, walk.pad_w, weights.w, walk.dilation_w, walk.stride_w);
+}
+
+// What a convolution does to its work space: what lies there is lost.
+cudnnStatus_t use_workspace(cudnnConvolutionFwdAlgo_t algorithm, void* workspace, std::size_t bytes,
+                            cudaStream_t stream) {
+  if (algorithm != CUDNN_CONVOLUTION_FWD_ALGO_IMPLICIT_PRECOMP_GEMM) return CUDNN_STATUS_SUCCESS;
+  if (bytes < kWorkspaceBytes || !ostrel::host_cuda::is_device_pointer(workspace, kWorkspaceBytes)) {
+    return CUDNN_STATUS_BAD_PARAM;
+  }
+  const cudaError_t status = cudaMemsetAsync(workspace, 0xA5, kWorkspaceBytes, stream);
+  return status == cudaSuccess ? CUDNN_STATUS_SUCCESS : CUDNN_STATUS_EXECUTION_FAILED;
+}
+
+template <typename QueuedWork>
+cudnnStatus_t queue(cudaStream_t stream, const char* name, const QueuedWork& work) {
+  const cudaError_t queued = ostrel::host_cuda::enqueue(stream, name, work);
+  return queued == cudaSuccess ? CUDNN_STATUS_SUCCESS : CUDNN_STATUS_EXECUTION_FAILED;
 }
 
 cudnnStatus_t describe(const char* call, Described* target, const Described& values) {
@@ -164,6 +206,8 @@ const char* cudnnGetErrorString(cudnnStatus_t status) {
       return "CUDNN_STATUS_BAD_PARAM";
     case CUDNN_STATUS_NOT_SUPPORTED:
       return "CUDNN_STATUS_NOT_SUPPORTED";
+    case CUDNN_STATUS_NOT_SUPPORTED_LAYOUT:
+      return "CUDNN_STATUS_NOT_SUPPORTED_LAYOUT";
     default:
       return "CUDNN_STATUS_EXECUTION_FAILED";
   }
@@ -243,8 +287,52 @@ cudnnStatus_t cudnnGetConvolutionForwardWorkspaceSize(
   const cudnnStatus_t status = enter("cudnnGetConvolutionForwardWorkspaceSize");
   if (status != CUDNN_STATUS_SUCCESS) return status;
   if (!fits(*source, *weights, *convolution, *target)) return CUDNN_STATUS_BAD_PARAM;
+  if (!fits_tensor_cores(*source) || !fits_tensor_cores(*target)) return CUDNN_STATUS_NOT_SUPPORTED;
   *bytes = algorithm == CUDNN_CONVOLUTION_FWD_ALGO_IMPLICIT_PRECOMP_GEMM ? kWorkspaceBytes : 0;
   return CUDNN_STATUS_SUCCESS;
+}
+
+cudnnStatus_t cudnnConvolutionForward(cudnnHandle_t handle, const void* alpha,
+                                      cudnnTensorDescriptor_t source_shape, const void* source,
+                                      cudnnFilterDescriptor_t weights_shape, const void* weights,
+                                      cudnnConvolutionDescriptor_t convolution,
+                                      cudnnConvolutionFwdAlgo_t algorithm, void* workspace,
+                                      std::size_t workspace_bytes, const void* beta,
+                                      cudnnTensorDescriptor_t target_shape, void* target) {
+  const cudnnStatus_t status = enter("cudnnConvolutionForward");
+  if (status != CUDNN_STATUS_SUCCESS) return status;
+  if (!fits(*source_shape, *weights_shape, *convolution, *target_shape) || source == target) {
+    return CUDNN_STATUS_BAD_PARAM;
+  }
+  const cudnnStatus_t ready = use_workspace(algorithm, workspace, workspace_bytes, handle->stream);
+  if (ready != CUDNN_STATUS_SUCCESS) return ready;
+  const Work work{*source_shape,
+                  *weights_shape,
+                  *target_shape,
+                  {},
+                  *convolution,
+                  false,
+                  *static_cast<const float*>(alpha),
+                  *static_cast<const float*>(beta),
+                  source,
+                  weights,
+                  target,
+                  nullptr,
+                  target};
+  return queue(handle->stream, "convolution", work);
+}
+
+cudnnStatus_t cudnnAddTensor(cudnnHandle_t handle, const void* alpha, cudnnTensorDescriptor_t bias_shape,
+                             const void* bias, const void* beta, cudnnTensorDescriptor_t target_shape,
+                             void* target) {
+  const cudnnStatus_t status = enter("cudnnAddTensor");
+  if (status != CUDNN_STATUS_SUCCESS) return status;
+  const bool whole = *static_cast<const float*>(alpha) == 1.0F && *static_cast<const float*>(beta) == 1.0F;
+  if (!whole || !alike(*bias_shape, *target_shape) || bias_shape->c != target_shape->c ||
+      bias_shape->n != 1 || bias_shape->h != 1 || bias_shape->w != 1) {
+    return CUDNN_STATUS_BAD_PARAM;
+  }
+  return queue(handle->stream, "bias", BiasWork{*bias_shape, *target_shape, bias, target});
 }
 
 cudnnStatus_t cudnnConvolutionBiasActivationForward(
@@ -263,10 +351,8 @@ cudnnStatus_t cudnnConvolutionBiasActivationForward(
       bias_shape->c != target_shape->c || (!rectify && !gathers) || source == target || residual == nullptr) {
     return CUDNN_STATUS_BAD_PARAM;
   }
-  if (gathers && (workspace_bytes < kWorkspaceBytes ||
-                  !ostrel::host_cuda::is_device_pointer(workspace, kWorkspaceBytes))) {
-    return CUDNN_STATUS_BAD_PARAM;
-  }
+  const cudnnStatus_t ready = use_workspace(algorithm, workspace, workspace_bytes, handle->stream);
+  if (ready != CUDNN_STATUS_SUCCESS) return ready;
   const Work work{*source_shape,
                   *weights_shape,
                   *target_shape,
@@ -280,11 +366,5 @@ cudnnStatus_t cudnnConvolutionBiasActivationForward(
                   residual,
                   bias,
                   target};
-  if (gathers) {  // what lies there is lost
-    if (cudaMemsetAsync(workspace, 0xA5, kWorkspaceBytes, handle->stream) != cudaSuccess) {
-      return CUDNN_STATUS_EXECUTION_FAILED;
-    }
-  }
-  const cudaError_t queued = ostrel::host_cuda::enqueue(handle->stream, "convolution", work);
-  return queued == cudaSuccess ? CUDNN_STATUS_SUCCESS : CUDNN_STATUS_EXECUTION_FAILED;
+  return queue(handle->stream, "convolution", work);
 }
