@@ -95,11 +95,21 @@ TEST_F(ProfilerRanges, ShowTheStagesOfAFrameOnTheHost) {
 }
 
 TEST_F(ProfilerRanges, AreClosedWhereAStageFails) {
-  for (const char* call : {"enqueueV3", "project_features_kernel", "cudaStreamSynchronize"}) {
+  const struct {
+    const char* call;
+    int n;
+    const char* last;
+  } rows[] = {{"cudaStreamSynchronize", 1, "  ostrel weight upload"},
+              {"enqueueV3", 1, "  ostrel backbone"},
+              {"project_features_kernel", 1, "  ostrel projection and correlation"},
+              {"cudaStreamSynchronize", 2, "  ostrel results to host"}};
+  for (const auto& row : rows) {
     Tracked tracked;
-    host_cuda::fail_call(call, 1, cudaErrorLaunchFailure);
-    const Names names = own_ranges_of([&] { tracked.view(picture(scene(Tracked::start))); });
-    EXPECT_EQ(names.front(), "ostrel frame") << call;
+    const auto frame = picture(scene(Tracked::start));
+    host_cuda::fail_call(row.call, row.n, cudaErrorLaunchFailure);
+    const Names names = own_ranges_of([&] { tracked.view(frame); });
+    EXPECT_EQ(names.front(), "ostrel frame") << row.call;
+    EXPECT_EQ(names.back(), row.last) << row.call;
     host_cuda::clear_faults();
   }
 }
