@@ -3,6 +3,7 @@
 #include <cuda_runtime.h>
 #include <gtest/gtest.h>
 #include <host_cuda/control.h>
+#include <live_handles.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -11,7 +12,7 @@
 #include <mutex>
 #include <vector>
 
-// What the contract tests of the CUDA stand-in share.
+// What the contract tests of the CUDA stand-in and of launches share.
 namespace host_cuda_test {
 
 using namespace ostrel::host_cuda;
@@ -79,20 +80,15 @@ class HostCudaTest : public testing::Test {
     EXPECT_EQ(cudaDeviceSynchronize(), cudaSuccess);
     EXPECT_TRUE(set_stream_mode(mode_at_start_));
     set_thread_order(order_at_start_);
-    set_tuned_kernels(true);
+    set_tuned_kernels(tuned_at_start_);
     set_worker_count(workers_at_start_);
-    const Counters left = counters();
-    EXPECT_EQ(left.live_device_allocations, 0);
-    EXPECT_EQ(left.live_device_bytes, 0);
-    EXPECT_EQ(left.live_pinned_allocations, 0);
-    EXPECT_EQ(left.live_pinned_bytes, 0);
-    EXPECT_EQ(left.live_streams, 0);
-    EXPECT_EQ(left.live_events, 0);
+    ostrel_test::expect_nothing_alive();
   }
 
  private:
   StreamMode mode_at_start_ = stream_mode();
   ThreadOrder order_at_start_ = thread_order();
+  bool tuned_at_start_ = tuned_kernels();
   int workers_at_start_ = worker_count();
 };
 
