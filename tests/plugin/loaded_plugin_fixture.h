@@ -3,6 +3,7 @@
 #include <IAlgoPlugin.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <null_stream_watch.h>
 #include <optrix/optrix_picture.h>
 #include <ostrel_scene/scene.h>
 #include <trunk_writer.h>
@@ -163,9 +164,14 @@ class LoadedPluginTest : public testing::Test {
     return file;
   }
 
+  void TearDown() override { null_stream_.expect_nothing_new(); }
+
   DrivenPlugin create() { return DrivenPlugin(loader_.createInstance<IAlgoPlugin>("OstrelAlgo")); }
 
   class_loader::ClassLoader loader_{pluginPath()};
+
+ private:
+  NullStreamWatch null_stream_;
 };
 
 }  // namespace ostrel_test

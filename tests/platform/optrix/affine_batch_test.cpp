@@ -1,4 +1,5 @@
 #include <host_cuda/control.h>
+#include <null_stream_watch.h>
 
 #include <limits>
 
@@ -55,9 +56,16 @@ std::vector<AffineCrop> random_crops(const Shape& shape, int count, std::mt19937
 class AffineBatch : public testing::TestWithParam<bool> {
  protected:
   void SetUp() override { ostrel::host_cuda::set_tuned_kernels(GetParam()); }
-  void TearDown() override { ostrel::host_cuda::set_tuned_kernels(true); }
+  void TearDown() override {
+    ostrel::host_cuda::set_tuned_kernels(tuned_at_start_);
+    null_stream_.expect_nothing_new();
+  }
 
   std::mt19937 random_{7};
+
+ private:
+  bool tuned_at_start_ = ostrel::host_cuda::tuned_kernels();
+  ostrel_test::NullStreamWatch null_stream_;
 };
 
 INSTANTIATE_TEST_SUITE_P(Kernels, AffineBatch, testing::Values(false, true),

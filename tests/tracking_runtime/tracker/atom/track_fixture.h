@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <host_cuda/control.h>
+#include <null_stream_watch.h>
 #include <trunk_writer.h>
 
 #include <memory>
@@ -126,6 +127,10 @@ class Tracked {
 class BackendTracking : public ::testing::Test {
  protected:
   ~BackendTracking() override { host_cuda::clear_faults(); }
+  void TearDown() override { null_stream_.expect_nothing_new(); }
+
+ private:
+  ostrel_test::NullStreamWatch null_stream_;
 };
 
 }  // namespace track_test

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <host_cuda/control.h>
+#include <null_stream_watch.h>
 
 #include <memory>
 #include <mutex>
@@ -35,6 +36,7 @@ class TrainingFixture : public ::testing::Test {
     weights.filter_version = 7;
   }
   ~TrainingFixture() override { ostrel::host_cuda::clear_faults(); }
+  void TearDown() override { null_stream_.expect_nothing_new(); }
 
   static NativeCppBackend::Config config() {
     NativeCppBackend::Config config = parameter::atom::parameters();
@@ -114,6 +116,8 @@ class TrainingFixture : public ::testing::Test {
     const bool one_decimal = text.size() > 4 && text[text.size() - 4] == '.';
     return elapsed_ms >= 0.0 && one_decimal && end == static_cast<int>(text.size()) ? " elapsed=T" : text;
   }
+
+  ostrel_test::NullStreamWatch null_stream_;
 };
 
 }  // namespace ostrel_tracker::tracking_runtime::tracker::atom

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <host_cuda/control.h>
+#include <null_stream_watch.h>
 
 #include <string>
 #include <vector>
@@ -26,7 +27,10 @@ class ProjectionClassifier : public ::testing::Test {
   std::vector<float> filter_ = random_values(shape_.taps(), 3);
   DeviceArray<float> features_{raw_};
 
-  void TearDown() override { ostrel::host_cuda::clear_faults(); }
+  void TearDown() override {
+    ostrel::host_cuda::clear_faults();
+    null_stream_.expect_nothing_new();
+  }
 
   bool ensure(int in_channels = kInChannels) {
     return classifier_.ensure_capacity(shape_.samples, in_channels, shape_.channels, shape_.height,
@@ -54,6 +58,9 @@ class ProjectionClassifier : public ::testing::Test {
     EXPECT_TRUE(classifier_.download_projected_sample(index, &out, stream_.get(), &error_)) << error_;
     return out;
   }
+
+ private:
+  NullStreamWatch null_stream_;
 };
 
 }  // namespace ostrel_test

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <host_cuda/control.h>
+#include <null_stream_watch.h>
 
 #include <functional>
 #include <string>
@@ -34,7 +35,10 @@ class JointOptimizerTest : public ::testing::Test {
   std::string error_;
   std::string log_;  // of the last fit
 
-  void TearDown() override { ostrel::host_cuda::clear_faults(); }
+  void TearDown() override {
+    ostrel::host_cuda::clear_faults();
+    null_stream_.expect_nothing_new();
+  }
 
   bool optimize() { return optimize(fit_, optimizer_, &out_); }
   bool optimize(const JointFitCase& fit, atom::CudaJointOptimizer& optimizer, FitResult* out) {
@@ -81,6 +85,9 @@ class JointOptimizerTest : public ::testing::Test {
 
   static std::int64_t calls(const char* name) { return ostrel::host_cuda::counters().calls_of(name); }
   static std::int64_t launches(const char* name) { return ostrel::host_cuda::counters().launches_of(name); }
+
+ private:
+  NullStreamWatch null_stream_;
 };
 
 }  // namespace ostrel_test

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <null_stream_watch.h>
+
 #include <string>
 #include <vector>
 
@@ -33,16 +35,22 @@ struct Training {
   }
 
   bool run(atom::CudaFilterTrainer& trainer, std::vector<float>* out, std::string* error) const {
-    return trainer.optimize_filter(features, labels, weights, shape.samples, shape.channels, shape.height,
-                                   shape.width, filter, shape.filter_height, shape.filter_width,
-                                   regularization, iterations, out, error);
+    const NullStreamWatch null_stream;
+    const bool done = trainer.optimize_filter(features, labels, weights, shape.samples, shape.channels,
+                                              shape.height, shape.width, filter, shape.filter_height,
+                                              shape.filter_width, regularization, iterations, out, error);
+    null_stream.expect_nothing_new();
+    return done;
   }
 
   bool run_on(atom::CudaFilterTrainer& trainer, const atom::DeviceFeatureView& view, std::vector<float>* out,
               std::string* error) const {
-    return trainer.optimize_filter_device_features(
+    const NullStreamWatch null_stream;
+    const bool done = trainer.optimize_filter_device_features(
         view, labels, weights, shape.samples, shape.channels, shape.height, shape.width, filter,
         shape.filter_height, shape.filter_width, regularization, iterations, out, error);
+    null_stream.expect_nothing_new();
+    return done;
   }
 
   bool run_core(atom::CudaFilterTrainer::Impl* impl, const float* device_features, std::vector<float>* out,
