@@ -93,6 +93,8 @@ if(OSTREL_DEVICE STREQUAL "cuda")
   enable_language(CUDA)
   set(CMAKE_CUDA_STANDARD 17)
   set(CMAKE_CUDA_STANDARD_REQUIRED ON)
+  # One runtime in a process: the plug-in, the picture library and the network's runtime share its streams.
+  set(CMAKE_CUDA_RUNTIME_LIBRARY Shared)
   find_package(CUDAToolkit REQUIRED)
 endif()
 

@@ -68,6 +68,7 @@ copy_libraries() {
 
 copy_data() {
   cp -r tests/data/golden "$suite/data/"
+  cp --parents docs/status.md "$suite/"
   local precision
   for precision in float32 float16; do
     "$build/bin/ostrel_backbone" random --seed 1 --precision "$precision" --out "$suite/models/trunk_$precision.onnx"
