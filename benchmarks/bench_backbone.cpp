@@ -1,7 +1,9 @@
 // Milliseconds of the network alone: bench_backbone MODEL [flags of Google Benchmark]
-// MODEL is an ONNX file with a dynamic batch, as `ostrel_backbone random` writes it.
+// MODEL is an ONNX file with a dynamic batch, as `ostrel_backbone random` writes it. It runs as it is, and, unless it
+// asks for a precision itself, with the short floats that the device has.
 
 #include <NvInfer.h>
+#include <bench_device.h>
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -25,9 +27,11 @@ std::string read_file(const char* path) {
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-// Protocol buffers merge what is appended: here the metadata entry `precision` = `bfloat16`.
-std::string with_bfloat16(const std::string& model) {
-  return model + "\x72\x15\x0a\x09precision\x12\x08" + "bfloat16";
+// Protocol buffers merge what is appended: here the metadata entry `precision`.
+std::string with_precision(const std::string& model, const std::string& precision) {
+  const std::string value = '\x12' + std::string(1, static_cast<char>(precision.size())) + precision;
+  const std::string entry = "\x0a\x09precision" + value;
+  return model + '\x72' + std::string(1, static_cast<char>(entry.size())) + entry;
 }
 
 std::size_t bytes_of(const nvinfer1::Dims& dims) {
@@ -101,9 +105,10 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: bench_backbone MODEL [flags of Google Benchmark]\n");
     return 2;
   }
-  for (const auto& [name, bytes] :
-       {std::pair{"backbone/float32", model}, std::pair{"backbone/bfloat16", with_bfloat16(model)}}) {
-    benchmark::RegisterBenchmark(name, run_backbone, bytes)
+  const std::string reduced = ostrel_bench::kShortFloats;
+  for (const auto& [name, bytes] : {std::pair{std::string("backbone/as_it_is"), model},
+                                    std::pair{"backbone/" + reduced, with_precision(model, reduced)}}) {
+    benchmark::RegisterBenchmark(name.c_str(), run_backbone, bytes)
         ->Arg(1)
         ->Arg(3)
         ->Unit(benchmark::kMillisecond)

@@ -11,10 +11,10 @@
 #include <cstdlib>
 #include <memory>
 #include <opencv2/core.hpp>
-#include <opencv2/imgproc.hpp>
 #include <string>
 
 #include "bench_device.h"
+#include "bench_scene.h"
 #include "ostrel_plugin/src/ostrel_config.h"
 #include "ostrel_plugin/src/tracker_runtime_config.h"
 #include "support/heap_counter.h"
@@ -24,24 +24,12 @@ namespace {
 
 namespace atom = ostrel_tracker::tracking_runtime::tracker::atom;
 
-constexpr int kWidth = 1280;
-constexpr int kHeight = 720;
-const cv::Rect_<int> kTarget{600, 320, 64, 48};
+using ostrel_bench::kHeight_px;
+using ostrel_bench::kTarget_px;
+using ostrel_bench::kWidth_px;
 constexpr int kNever = 1 << 30;
 
 std::string model_path;
-
-cv::Mat scene() {
-  cv::Mat image(kHeight, kWidth, CV_8UC3);
-  cv::RNG random(7);
-  random.fill(image, cv::RNG::UNIFORM, 0, 256);
-  cv::GaussianBlur(image, image, {0, 0}, 3.0);
-  cv::Mat target = image(kTarget);
-  random.fill(target, cv::RNG::UNIFORM, 0, 256);
-  cv::GaussianBlur(target, target, {0, 0}, 2.0);
-  target.convertTo(target, -1, 2.0, -60.0);
-  return image;
-}
 
 atom::NativeCppBackend::Config settings(int frames_between_learning) {
   OstrelConfig config;
@@ -53,23 +41,23 @@ atom::NativeCppBackend::Config settings(int frames_between_learning) {
 
 std::unique_ptr<atom::ATOM> started(const cv::Mat& image, int frames_between_learning) {
   auto tracker = std::make_unique<atom::ATOM>(settings(frames_between_learning));
-  const auto result =
-      tracker->initialize(image, {static_cast<float>(kTarget.x), static_cast<float>(kTarget.y),
-                                  static_cast<float>(kTarget.width), static_cast<float>(kTarget.height)});
+  const auto result = tracker->initialize(
+      image, {static_cast<float>(kTarget_px.x), static_cast<float>(kTarget_px.y),
+              static_cast<float>(kTarget_px.width), static_cast<float>(kTarget_px.height)});
   if (result.ok) return tracker;
   std::fprintf(stderr, "%s\n", result.message.c_str());
   std::exit(2);
 }
 
 void frame_call(benchmark::State& state, int frames_between_learning) {
-  const cv::Mat image = scene();
+  const cv::Mat image = ostrel_bench::scene();
   const auto picture = optrix::OptrixPicture::fromBgr({image.data, image.cols, image.rows, image.step});
   const auto tracker = started(image, frames_between_learning);
-  for (int i = 0; i < 10; ++i) tracker->trackViewWithOffset(picture, 1.0F, 1.0F, kWidth, kHeight, 0, 0);
+  for (int i = 0; i < 10; ++i) tracker->trackViewWithOffset(picture, 1.0F, 1.0F, kWidth_px, kHeight_px, 0, 0);
   const ostrel_bench::DeviceAllocations device_allocations;
   const long heap_before = ostrel_test::heap_allocations();
   for (auto _ : state) {
-    benchmark::DoNotOptimize(tracker->trackViewWithOffset(picture, 1.0F, 1.0F, kWidth, kHeight, 0, 0));
+    benchmark::DoNotOptimize(tracker->trackViewWithOffset(picture, 1.0F, 1.0F, kWidth_px, kHeight_px, 0, 0));
   }
   const auto frames = static_cast<double>(state.iterations());
   state.counters["heap_per_frame"] =
@@ -85,7 +73,7 @@ void BM_FrameCallWithDefaultTraining(benchmark::State& state) {
 }
 
 void BM_Start(benchmark::State& state) {
-  const cv::Mat image = scene();
+  const cv::Mat image = ostrel_bench::scene();
   for (auto _ : state) benchmark::DoNotOptimize(started(image, kNever));
 }
 

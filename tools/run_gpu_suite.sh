@@ -18,6 +18,10 @@ while [ $# -gt 0 ]; do
     *) echo "run_gpu_suite: unknown option $1" >&2; exit 2 ;;
   esac
 done
+case $only in
+  all | tests | sanitizers | benchmarks) ;;
+  *) echo "run_gpu_suite: --only takes tests, sanitizers or benchmarks" >&2; exit 2 ;;
+esac
 mkdir -p "$out"
 summary=$out/summary.txt
 : >"$summary"
@@ -62,7 +66,7 @@ else
   launch=(env "LD_LIBRARY_PATH=$suite/lib:$folders${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}")
   loader="this machine's loader and C library"
 fi
-export OSTREL_TEST_DATA=$suite/data OSTREL_PLUGIN_LIBRARY=$suite/lib/libostrel_plugin.so
+export OSTREL_ROOT=$suite OSTREL_TEST_DATA=$suite/data OSTREL_PLUGIN_LIBRARY=$suite/lib/libostrel_plugin.so
 
 programs_of() { awk -v kind="$1" '$1 == kind {print $2}' "$suite/programs.txt"; }
 failed=0
@@ -83,22 +87,33 @@ run() {
   took=$((SECONDS - started))
 }
 
+# Without a GPU a test program says so, whichever it is and whatever it is asked to run.
+need_a_gpu() {
+  local program
+  program=$(programs_of test | head -n 1)
+  run gpu.log "$test_seconds" "${launch[@]}" "$suite/bin/$program" --gtest_filter=none
+  [ "$verdict" = skipped ] || return 0
+  say "$(grep -h '^skipped:' "$out/gpu.log")"
+  say 'nothing was run'
+  exit "$no_gpu"
+}
+
 run_tests() {
   local program skipped
   for program in $(programs_of test); do
     run "$program.log" "$test_seconds" "${launch[@]}" "$suite/bin/$program"
-    if [ "$verdict" = skipped ]; then
-      say "$(grep -h '^skipped:' "$out/$program.log")"
-      say 'nothing was run'
-      exit "$no_gpu"
-    fi
     skipped=$(grep -c '^\[  SKIPPED \] .*(.* ms)' "$out/$program.log")
     say "test $program: $verdict, ${took} s, $skipped cases left to the stand-in"
   done
 }
 
+# Calls that tests have refused on purpose are no errors of memory.
+sanitizer_options() {
+  if [ "$1" = memcheck ]; then echo '--report-api-errors no'; fi
+}
+
 run_sanitizers() {
-  local tool program sanitizer
+  local tool program sanitizer options
   sanitizer=$(command -v compute-sanitizer || ls /usr/local/cuda*/bin/compute-sanitizer 2>/dev/null | head -n 1)
   if [ -z "$sanitizer" ]; then
     say 'compute-sanitizer: FAILED, it is not on this machine'
@@ -106,8 +121,9 @@ run_sanitizers() {
     return
   fi
   for tool in memcheck racecheck initcheck synccheck; do
+    read -ra options <<<"$(sanitizer_options "$tool")"
     for program in $(programs_of kernels); do
-      run "$program.$tool.log" "$sanitizer_seconds" "$sanitizer" --tool "$tool" --error-exitcode 1 \
+      run "$program.$tool.log" "$sanitizer_seconds" "$sanitizer" --tool "$tool" "${options[@]}" --error-exitcode 1 \
         --target-processes all "${launch[@]}" "$suite/bin/$program"
       say "$tool $program: $verdict, ${took} s"
     done
@@ -115,26 +131,33 @@ run_sanitizers() {
 }
 
 run_benchmarks() {
-  local program model arguments
-  for program in $(programs_of benchmark); do
+  local program model
+  for program in $(programs_of benchmark); do run_benchmark "$program" "$program"; done
+  for program in $(programs_of model_benchmark); do
     for model in "$suite"/models/*.onnx; do
-      arguments=()
-      case $program in
-        bench_update | bench_backbone) arguments=("$model") ;;
-        *) [ "$model" = "$suite/models/trunk_float32.onnx" ] || continue ;;
-      esac
-      local name=$program${arguments:+.$(basename "$model" .onnx)}
-      run "$name.log" "$test_seconds" "${launch[@]}" "$suite/bin/$program" "--benchmark_out=$out/$name.json" \
-        --benchmark_out_format=json "${arguments[@]}"
-      say "benchmark $name: $verdict, ${took} s"
+      run_benchmark "$program.$(basename "$model" .onnx)" "$program" "$model"
     done
   done
+}
+
+# run_benchmark NAME PROGRAM [MODEL]
+run_benchmark() {
+  local name=$1 program=$2
+  shift 2
+  run "$name.log" "$test_seconds" "${launch[@]}" "$suite/bin/$program" "--benchmark_out=$out/$name.json" \
+    --benchmark_out_format=json "$@"
+  if grep -q 'ERROR OCCURRED' "$out/$name.log"; then
+    verdict='FAILED with an error of its own'
+    failed=1
+  fi
+  say "benchmark $name: $verdict, ${took} s"
 }
 
 say "revision $(cat "$suite/revision" 2>/dev/null || echo unknown), $(date -u +%Y-%m-%d), $loader"
 if [ -x "$(command -v nvidia-smi)" ]; then
   say "$(nvidia-smi --query-gpu=name,driver_version,compute_cap,memory.total --format=csv,noheader)"
 fi
+need_a_gpu
 [ "$only" = all ] || [ "$only" = tests ] && run_tests
 [ "$only" = all ] || [ "$only" = sanitizers ] && run_sanitizers
 [ "$only" = all ] || [ "$only" = benchmarks ] && run_benchmarks

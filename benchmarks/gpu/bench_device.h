@@ -15,6 +15,9 @@ inline int parallel_products() {
   return 32;
 }
 
+/// The 16-bit floats that networks may run in.
+constexpr const char* kShortFloats = "float16";
+
 /// A device does not count.
 class DeviceAllocations {
  public:

@@ -17,6 +17,9 @@ inline int parallel_products() {
   return ostrel::host_cuda::worker_count();
 }
 
+/// The 16-bit floats that networks may run in.
+constexpr const char* kShortFloats = "bfloat16";
+
 /// Allocations of device memory since its making.
 class DeviceAllocations {
  public:
