@@ -31,10 +31,14 @@ InputShapes::InputShapes(const LoadedGraph& loaded) : loaded_(loaded), values_(l
   }
 }
 
-void InputShapes::set(std::size_t input, const IoTensor& tensor, nvinfer1::Dims const& dims,
+void InputShapes::set(const std::vector<IoTensor>& tensors, const char* name, nvinfer1::Dims const& dims,
                       const Resolve& resolve) {
+  const std::size_t input = find_tensor(tensors, name);
+  if (input >= inputs_.size()) {
+    throw ModelError(std::string("no input \"") + (name == nullptr ? "" : name) + "\"");
+  }
   if (same(inputs_[input], dims)) return;
-  check_fit(tensor, loaded_.sizes[static_cast<std::size_t>(tensor.value)], dims);
+  check_fit(tensors[input], loaded_.sizes[static_cast<std::size_t>(tensors[input].value)], dims);
   std::vector<Sizes> wished = inputs_;
   wished[input].assign(dims.d, dims.d + dims.nbDims);
   values_ = resolve(wished);

@@ -15,11 +15,13 @@ class InputShapes {
   // `loaded` must outlive this.
   explicit InputShapes(const LoadedGraph& loaded);
 
-  // Takes the shape of the input with this position. Throws ModelError, with everything as before, for another
-  // number of dimensions, a size below 1 or beyond kLargestSize, one that differs from a static size, and for what
-  // `resolve` throws, which gives the sizes of every value for those of the inputs.
+  // Takes the shape of the input with this name; `tensors` as io_tensors() gives them. Throws ModelError, with
+  // everything as before, for a name that is no input's, another number of dimensions, a size below 1 or beyond
+  // kLargestSize, one that differs from a static size, and for what `resolve` throws, which gives the sizes of every
+  // value for those of the inputs.
   using Resolve = std::function<std::vector<Sizes>(const std::vector<Sizes>& inputs)>;
-  void set(std::size_t input, const IoTensor& tensor, nvinfer1::Dims const& dims, const Resolve& resolve);
+  void set(const std::vector<IoTensor>& tensors, const char* name, nvinfer1::Dims const& dims,
+           const Resolve& resolve);
 
   bool all_known() const;
   const std::vector<Sizes>& inputs() const { return inputs_; }  // unknown where not set yet

@@ -14,7 +14,7 @@ nvinfer1::IExecutionContext* CudaEngine::createExecutionContext(
     nvinfer1::ExecutionContextAllocationStrategy strategy) noexcept {
   return guarded<nvinfer1::IExecutionContext*>(logger(), "createExecutionContext", nullptr, [&] {
     check_strategy(strategy);
-    return new ExecutionContext(logger(), network_, tensors(), contexts());
+    return std::make_unique<ExecutionContext>(logger(), network_, tensors(), contexts()).release();
   });
 }
 

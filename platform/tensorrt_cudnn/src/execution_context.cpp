@@ -59,11 +59,7 @@ std::vector<Sizes> ExecutionContext::resolve(const std::vector<Sizes>& input_siz
 
 bool ExecutionContext::setInputShape(char const* tensorName, nvinfer1::Dims const& dims) noexcept {
   return guarded(logger_, "setInputShape", false, [&] {
-    const std::size_t index = find_tensor(tensors_, tensorName);
-    if (index >= shapes_.inputs().size()) {
-      throw ModelError(std::string("no input \"") + (tensorName == nullptr ? "" : tensorName) + "\"");
-    }
-    shapes_.set(index, tensors_[index], dims,
+    shapes_.set(tensors_, tensorName, dims,
                 [this](const std::vector<Sizes>& input_sizes) { return resolve(input_sizes); });
     return true;
   });

@@ -40,7 +40,7 @@ nvinfer1::IExecutionContext* CudaEngine::createExecutionContext(
   if (told_to_fail(logger(), kCall)) return nullptr;
   return guarded<nvinfer1::IExecutionContext*>(logger(), kCall, nullptr, [&] {
     check_strategy(strategy);
-    return new ExecutionContext(logger(), network_, tensors(), contexts());
+    return std::make_unique<ExecutionContext>(logger(), network_, tensors(), contexts()).release();
   });
 }
 

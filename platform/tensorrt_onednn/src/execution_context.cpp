@@ -40,11 +40,7 @@ ExecutionContext::~ExecutionContext() noexcept {
 bool ExecutionContext::setInputShape(char const* tensorName, nvinfer1::Dims const& dims) noexcept {
   if (told_to_fail(logger_, "setInputShape")) return false;
   return guarded(logger_, "setInputShape", false, [&] {
-    const std::size_t index = find_tensor(tensors_, tensorName);
-    if (index >= shapes_.inputs().size()) {
-      throw ModelError(std::string("no input \"") + (tensorName == nullptr ? "" : tensorName) + "\"");
-    }
-    shapes_.set(index, tensors_[index], dims,
+    shapes_.set(tensors_, tensorName, dims,
                 [this](const std::vector<Sizes>& input_sizes) { return resolved(input_sizes); });
     return true;
   });
