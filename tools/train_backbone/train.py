@@ -3,7 +3,6 @@
 
     train.py --out DIR                    both stages with the defaults; go on where DIR was left
     train.py --out DIR --minutes 30       stop after 30 minutes, to go on later
-    train.py --out DIR --start FILE       a new second stage on the weights of a written model
     train.py --out DIR --export FILE      write the averaged weights of DIR as ONNX and end
 
 DIR takes snapshot.pt, journal.tsv, curves.png. It can be stopped at any time (Ctrl-C, SIGTERM): it saves and ends.
@@ -27,10 +26,10 @@ import export
 import filter_learning
 import footage
 import journal
-from network import Trunk
+from network import Joined, Trunk
 
 STAGES = ('contrastive', 'filter', 'frozen')
-KEPT_OPTIONS = ('geometry', 'channels', 'seed')  # a training goes on with those it was begun with
+KEPT_OPTIONS = ('channels', 'seed')  # a training goes on with those it was begun with
 TESTS = 2              # later views of a clip that the filter is judged on
 VALIDATION_BATCHES = 64
 SAVE_EVERY = 100       # steps
@@ -43,23 +42,21 @@ def parse(arguments):
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument('--out', required=True, help='folder of the training')
     parser.add_argument('--seed', type=int, default=1)
-    parser.add_argument('--geometry', choices=('stage', 'joined'), default='stage')
     parser.add_argument('--channels', type=int, default=128)
-    parser.add_argument('--contrastive-steps', type=int, default=1500)
-    parser.add_argument('--filter-steps', type=int, default=20000)
-    parser.add_argument('--frozen-steps', type=int, default=5000)
+    parser.add_argument('--contrastive-steps', type=int, default=1200)
+    parser.add_argument('--filter-steps', type=int, default=3000)
+    parser.add_argument('--frozen-steps', type=int, default=200)
     parser.add_argument('--pairs', type=int, default=8, help='pairs in a batch of the first stage')
     parser.add_argument('--clips', type=int, default=6, help='clips in a batch of the second stage')
     parser.add_argument('--side', type=int, default=128, help='pixels of a view in the second stage')
     parser.add_argument('--contrastive-rate', type=float, default=1e-3)
-    parser.add_argument('--filter-rate', type=float, default=5e-4)
-    parser.add_argument('--frozen-rate', type=float, default=5e-5)
+    parser.add_argument('--filter-rate', type=float, default=6e-4)
+    parser.add_argument('--frozen-rate', type=float, default=1e-4)
     parser.add_argument('--minutes', type=float, default=math.inf, help='stop after so long')
     parser.add_argument('--threads', type=int, default=0, help='of the solver; 0: all')
     parser.add_argument('--workers', type=int, default=1, help='processes that make footage')
     parser.add_argument('--device', default='cuda' if torch.cuda.is_available() else 'cpu')
     parser.add_argument('--float32', action='store_true', help='no bfloat16 inside the trunk')
-    parser.add_argument('--start', metavar='FILE', help='an ONNX model of --export; where DIR has a snapshot, that counts')
     parser.add_argument('--export', metavar='FILE', help='write the averaged weights as ONNX and end')
     return parser.parse_args(arguments)
 
@@ -71,7 +68,7 @@ class Training:
         self.options = options
         self.snapshot = os.path.join(options.out, 'snapshot.pt')
         torch.manual_seed(options.seed)
-        self.trunk = Trunk(options.channels, options.geometry).to(options.device, memory_format=torch.channels_last)
+        self.trunk = Trunk(options.channels).to(options.device, memory_format=torch.channels_last)
         self.heads = contrastive.Heads().to(options.device)
         self.stage, self.step, self.minutes = STAGES[0], 0, 0.0
         self.average = None
@@ -82,9 +79,7 @@ class Training:
     def _restore(self):
         state = journal.load(self.snapshot, self.options.device)
         if state is None:
-            if self.options.start:
-                self.trunk.load_state_dict(export.read(self.options.start).state_dict())
-            self.begin(STAGES[2] if self.options.start else STAGES[0])
+            self.begin(STAGES[0])
             return
         for name in KEPT_OPTIONS:
             if state['options'][name] != getattr(self.options, name):
@@ -171,12 +166,16 @@ class Training:
             rows = [filter_learning.filter_loss(self.average, self.placed(batch), TESTS, generator)[1] for batch in batches]
         return {'valid_' + name: float(np.mean([float(row[name]) for row in rows])) for name in rows[0]}
 
+    def inputs(self):
+        """Pictures to gather statistics on: a list of N x 3 x S x S."""
+        make = iter(footage.batches(clips.clip, self.options.seed, 7, 4, 0, 0))
+        return [self.placed(next(make))['pictures'].flatten(0, 1) for _ in range(16)]
+
     @torch.no_grad()
     def settle(self):
         """Between two stages: takes the averaged weights and gathers the statistics anew on clips; behind the first stage it
         also sets the neck."""
-        make = iter(footage.batches(clips.clip, self.options.seed, 7, 4, 0, 0))
-        inputs = [self.placed(next(make))['pictures'].flatten(0, 1) for _ in range(16)]
+        inputs = self.inputs()
         self.trunk.load_state_dict(self.average.state_dict())
         for module in self.trunk.modules():
             if isinstance(module, torch.nn.BatchNorm2d):
@@ -241,7 +240,8 @@ def main(arguments):
         if training.stage == STAGES[0]:
             raise SystemExit(f'train.py: {options.out} has no trunk to write yet: the first stage is not through')
         notes = {'training': f'seed {options.seed}, {training.stage} step {training.step}'}
-        export.write(training.average.cpu().eval(), options.export, notes=notes)
+        joined = Joined(training.average, training.inputs()).cpu()
+        export.write(joined, options.export, notes=notes)
         return 0
     book = journal.Journal(options.out)
     book.forget_after(training.stage, training.step)

@@ -17,10 +17,9 @@ import export
 import filter_learning
 import footage
 import journal
-import network
 import textures
 import train
-from network import FEATURE_NORM, Trunk
+from network import EARLY_CHANNELS, FEATURE_NORM, Joined, Trunk
 
 
 class SmallPool(textures.PicturePool):
@@ -205,48 +204,59 @@ class FilterLearning(unittest.TestCase):
 
 
 class Network(unittest.TestCase):
-    def trunk(self, geometry='joined'):
+    def trunk(self):
         torch.manual_seed(4)
-        trunk = Trunk(32, geometry).train()
+        trunk = Trunk(128).train()
         for _ in range(3):
             trunk.stages(torch.rand(4, 3, 64, 64) * 255)
         return trunk.eval()
 
+    def inputs(self, count):
+        return [torch.rand(4, 3, 64, 64) * torch.rand(4, 3, 1, 1) * 255 for _ in range(count)]
+
+    def cells(self, network, inputs):
+        with torch.no_grad():
+            maps = torch.cat([network(x) for x in inputs])
+        return maps.permute(0, 2, 3, 1).reshape(-1, maps.shape[1]).double()
+
+    def norm(self, cells):
+        return float(cells.square().sum(1).mean().sqrt())
+
+    def correlation(self, cells):
+        return float((torch.corrcoef(cells.T) - torch.eye(cells.shape[1])).abs().max())
+
     def test_the_neck_leaves_zero_mean_small_correlation_and_the_wanted_norm(self):
-        for geometry in ('stage', 'joined'):
-            trunk = self.trunk(geometry)
-            inputs = [torch.rand(4, 3, 64, 64) * torch.rand(4, 3, 1, 1) * 255 for _ in range(4)]
-            trunk.set_neck(inputs)
-            with torch.no_grad():
-                cells = torch.cat([trunk(x) for x in inputs]).permute(0, 2, 3, 1).reshape(-1, 32).double()
-            norm = cells.square().sum(1).mean().sqrt()
-            self.assertLess(float(cells.mean(0).norm()), 0.02 * FEATURE_NORM)
-            self.assertAlmostEqual(float(norm), FEATURE_NORM, delta=0.02 * FEATURE_NORM)
-            correlation = torch.corrcoef(cells.T) - torch.eye(32)
-            self.assertLess(float(correlation.abs().max()), 0.05)
+        trunk, inputs = self.trunk(), self.inputs(4)
+        trunk.set_neck(inputs)
+        cells = self.cells(trunk, inputs)
+        self.assertLess(float(cells.mean(0).norm()), 0.02 * FEATURE_NORM)
+        self.assertAlmostEqual(self.norm(cells), FEATURE_NORM, delta=0.02 * FEATURE_NORM)
+        self.assertLess(self.correlation(cells), 0.05)
 
-    def test_a_coarse_cell_lies_on_every_second_fine_one(self):
-        coarse = torch.randn(1, 2, 3, 4)
-        fine = network.upsampled(coarse)
-        torch.testing.assert_close(fine[..., ::2, ::2], coarse)
-        torch.testing.assert_close(fine[..., ::2, 1:-1:2], (coarse[..., :-1] + coarse[..., 1:]) / 2)
-        torch.testing.assert_close(fine[..., ::2, -1], coarse[..., -1])
+    def test_joined_features_keep_the_share_of_either_part_and_leave_the_trunk_as_it_was(self):
+        trunk, inputs = self.trunk(), self.inputs(4)
+        trunk.set_neck(inputs)
+        before = {name: value.clone() for name, value in trunk.state_dict().items()}
+        cells = self.cells(Joined(trunk, inputs), inputs)
+        self.assertLess(float(cells.mean(0).norm()), 0.02 * FEATURE_NORM)
+        for part, share in ((cells[:, :-EARLY_CHANNELS], 0.8), (cells[:, -EARLY_CHANNELS:], 0.6)):
+            self.assertAlmostEqual(self.norm(part), share * FEATURE_NORM, delta=0.02 * FEATURE_NORM)
+            self.assertLess(self.correlation(part), 0.05)
+        for name, value in trunk.state_dict().items():
+            torch.testing.assert_close(value, before[name], rtol=0, atol=0)
 
-    def test_the_written_model_computes_what_the_trunk_computes(self):
-        for geometry in ('stage', 'joined'):
-            trunk = self.trunk(geometry)
-            trunk.set_neck([torch.rand(4, 3, 64, 64) * 255])
-            picture = torch.rand(1, 3, 64, 64) * 255
-            with tempfile.TemporaryDirectory() as folder:
-                path = os.path.join(folder, 'trunk.onnx')
-                export.write(trunk, path, side=64, notes={'note': 'of a test'})
-                reader = cv2.dnn.readNetFromONNX(path)
-                again = export.read(path).eval()
-            reader.setInput(picture.numpy())
-            with torch.no_grad():
-                expected = trunk(picture).numpy()
-                np.testing.assert_allclose(again(picture).numpy(), expected, atol=1e-4 * np.abs(expected).max())
-            np.testing.assert_allclose(reader.forward(), expected, atol=2e-3 * np.abs(expected).max())
+    def test_the_written_model_computes_what_the_joined_trunk_computes(self):
+        trunk, inputs = self.trunk(), self.inputs(1)
+        trunk.set_neck(inputs)
+        joined, picture = Joined(trunk, inputs), torch.rand(1, 3, 64, 64) * 255
+        with tempfile.TemporaryDirectory() as folder:
+            path = os.path.join(folder, 'trunk.onnx')
+            export.write(joined, path, side=64, notes={'note': 'of a test'})
+            reader = cv2.dnn.readNetFromONNX(path)
+        reader.setInput(picture.numpy())
+        with torch.no_grad():
+            expected = joined(picture).numpy()
+        np.testing.assert_allclose(reader.forward(), expected, atol=2e-3 * np.abs(expected).max())
 
 
 class Contrastive(unittest.TestCase):
@@ -283,7 +293,7 @@ class Running(unittest.TestCase):
         footage.PicturePool = lambda seed, **_: SmallPool(seed)
         count, train.VALIDATION_BATCHES = train.VALIDATION_BATCHES, 1
         try:
-            train.main(['--out', folder, '--workers', '0', '--pairs', '1', '--clips', '1', '--channels', '16',
+            train.main(['--out', folder, '--workers', '0', '--pairs', '1', '--clips', '1', '--channels', '96',
                         '--contrastive-steps', '2', '--filter-steps', '2', '--frozen-steps', '3', '--side', '64', '--device', 'cpu', *more])
         finally:
             footage.PicturePool, train.VALIDATION_BATCHES = pools, count
@@ -300,11 +310,7 @@ class Running(unittest.TestCase):
             self.run_training(folder, '--export', path)
             reader = cv2.dnn.readNetFromONNX(path)
             reader.setInput(np.zeros((1, 3, 192, 192), np.float32))
-            self.assertEqual(reader.forward().shape, (1, 16, 24, 24))
-            more = os.path.join(folder, 'more')
-            self.run_training(more, '--start', path, '--frozen-steps', '1')
-            state = journal.load(os.path.join(more, 'snapshot.pt'), 'cpu')
-            self.assertEqual((state['stage'], state['step']), ('frozen', 1))
+            self.assertEqual(reader.forward().shape, (1, 128, 24, 24))
 
     def test_it_refuses_other_options_than_it_was_begun_with_and_to_write_what_is_not_there(self):
         with tempfile.TemporaryDirectory() as folder:
@@ -312,8 +318,8 @@ class Running(unittest.TestCase):
                 self.run_training(folder, '--export', os.path.join(folder, 'trunk.onnx'))
             self.assertFalse(os.path.exists(os.path.join(folder, 'trunk.onnx')))
             self.run_training(folder, '--minutes', '0')
-            with self.assertRaisesRegex(SystemExit, 'was made with --geometry stage'):
-                self.run_training(folder, '--geometry', 'joined')
+            with self.assertRaisesRegex(SystemExit, 'was made with --channels 96'):
+                self.run_training(folder, '--channels', '48')
 
     def test_a_journal_forgets_what_was_written_after_the_snapshot(self):
         with tempfile.TemporaryDirectory() as folder:
