@@ -149,10 +149,12 @@ TEST_F(ProjectionClassifier, SmallerSizesKeepEveryBuffer) {
       close_to(reference_correlation(shape_, expected_projected(), widen(filter_)), responses(1), kFloatSum));
 }
 
-// The copies run on the null stream, for which the worker's stream does not wait.
+// The copies run on the null stream, which waits for blocking streams, and for which the worker's stream does not wait.
 TEST_F(ProjectionClassifier, UploadedWeightsAreThereForWorkOnAnyStream) {
   ASSERT_TRUE(ensure()) << error_;
-  require(host::enqueue(nullptr, "work before the copies",
+  atom::CudaStream blocking;
+  require(blocking.create_with_flags(cudaStreamDefault));
+  require(host::enqueue(blocking.get(), "work before the copies",
                         [] { std::this_thread::sleep_for(std::chrono::milliseconds(50)); }));
   ASSERT_TRUE(upload() && classify(3)) << error_;
   EXPECT_TRUE(
