@@ -94,7 +94,6 @@ class Trunk(nn.Module):
 
     def __init__(self, channels=128):
         super().__init__()
-        self.channels = channels
         self.conv1 = nn.Conv2d(3, 64, 7, 2, 3, bias=False)
         self.bn1 = nn.BatchNorm2d(64)
         self.layer1 = nn.Sequential(BasicBlock(64, WIDTHS[0], 1), BasicBlock(WIDTHS[0], WIDTHS[0], 1))
@@ -135,7 +134,7 @@ class Trunk(nn.Module):
 
 
 class Joined(nn.Module):
-    """A trained trunk beside an early stage of designed filters, edges and spots of colour that nothing has trained. Trained
+    """A trained trunk beside an early stage of filters that nothing has trained: edges, spots of colour, some random. Trained
     features forget what made footage does not reward; these do not. They stay out of the training, which would come to
     rely on them for what it should learn.
 

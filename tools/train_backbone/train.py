@@ -26,7 +26,7 @@ import export
 import filter_learning
 import footage
 import journal
-from network import Joined, Trunk
+from network import TRAINED_CHANNELS, Joined, Trunk
 
 STAGES = ('contrastive', 'filter', 'frozen')
 KEPT_OPTIONS = ('channels', 'seed')  # a training goes on with those it was begun with
@@ -58,7 +58,10 @@ def parse(arguments):
     parser.add_argument('--device', default='cuda' if torch.cuda.is_available() else 'cpu')
     parser.add_argument('--float32', action='store_true', help='no bfloat16 inside the trunk')
     parser.add_argument('--export', metavar='FILE', help='write the averaged weights as ONNX and end')
-    return parser.parse_args(arguments)
+    options = parser.parse_args(arguments)
+    if options.channels < TRAINED_CHANNELS:
+        parser.error(f'--channels: the joined features take {TRAINED_CHANNELS} of them')
+    return options
 
 
 class Training:
@@ -240,7 +243,7 @@ def main(arguments):
         if training.stage == STAGES[0]:
             raise SystemExit(f'train.py: {options.out} has no trunk to write yet: the first stage is not through')
         notes = {'training': f'seed {options.seed}, {training.stage} step {training.step}'}
-        joined = Joined(training.average, training.inputs()).cpu()
+        joined = Joined(training.average.cpu(), [batch.cpu() for batch in training.inputs()])
         export.write(joined, options.export, notes=notes)
         return 0
     book = journal.Journal(options.out)

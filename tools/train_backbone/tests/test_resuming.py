@@ -34,7 +34,7 @@ class Resuming(unittest.TestCase):
     def test_a_training_goes_on_exactly_where_it_was_saved(self):
         for stage in train.STAGES:
             with tempfile.TemporaryDirectory() as folder:
-                options = train.parse(['--out', folder, '--channels', '8', '--device', 'cpu'])
+                options = train.parse(['--out', folder, '--channels', '96', '--device', 'cpu'])
                 saved = train.Training(options)
                 fresh = {name: value.clone() for name, value in saved.trunk.state_dict().items()}
                 saved.begin(stage)

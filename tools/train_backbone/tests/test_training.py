@@ -1,5 +1,7 @@
 """Tests of the trunk's training: python3 -m unittest discover -s tests, from this folder's parent."""
 
+import contextlib
+import io
 import os
 import sys
 import tempfile
@@ -318,8 +320,12 @@ class Running(unittest.TestCase):
                 self.run_training(folder, '--export', os.path.join(folder, 'trunk.onnx'))
             self.assertFalse(os.path.exists(os.path.join(folder, 'trunk.onnx')))
             self.run_training(folder, '--minutes', '0')
+            with self.assertRaises(SystemExit) as refused, contextlib.redirect_stderr(io.StringIO()) as said:
+                self.run_training(folder, '--channels', '95')
+            self.assertEqual(refused.exception.code, 2)
+            self.assertIn('--channels: the joined features take 96 of them', said.getvalue())
             with self.assertRaisesRegex(SystemExit, 'was made with --channels 96'):
-                self.run_training(folder, '--channels', '48')
+                self.run_training(folder, '--channels', '100')
 
     def test_a_journal_forgets_what_was_written_after_the_snapshot(self):
         with tempfile.TemporaryDirectory() as folder:
