@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Trains the trunk from nothing, on footage that it makes itself.
 
-    train.py --out DIR                    both stages with the defaults; go on where DIR was left
+    train.py --out DIR                    all stages with the defaults; go on where DIR was left
     train.py --out DIR --minutes 30       stop after 30 minutes, to go on later
     train.py --out DIR --export FILE      write the averaged weights of DIR as ONNX and end
 

@@ -31,7 +31,8 @@ class CudaProjectionClassifier {
                        int filter_height, int filter_width, std::string* error);
 
   /// Copies the weights with blocking copies and returns when they are on the device, for work on any stream. The
-  /// copies wait for nothing: no classification of this instance may be running. `projection`: host, out_channels rows of in_channels values, read only
+  /// copies wait for nothing: no classification of this instance may be running.
+  /// `projection`: host, out_channels rows of in_channels values, read only
   /// with `use_projection`; `filter`: host, out_channels x filter_height x filter_width.
   bool upload_weights(const std::vector<float>& projection, bool use_projection, int in_channels,
                       int out_channels, const std::vector<float>& filter, int filter_height, int filter_width,
