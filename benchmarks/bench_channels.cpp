@@ -1,9 +1,13 @@
 // Frames per second of several plug-in objects in one process, and the device memory that each takes:
 //   bench_channels MODEL [flags of Google Benchmark]
 // MODEL is an ONNX trunk with input 192 x 192, loaded once and shared by all. Each object is driven by a thread of its
-// own, as a host drives its cameras, with the default settings on a picture in device memory; the time is the clock's,
-// shared out among the frames of all. Counters: frames per second of all objects together; MiB of device memory that the
-// first object took, with the engine and what the libraries keep for themselves, and that each further one took.
+// own, as a host drives its cameras, but without a pause between frames, with the default settings, on one picture in
+// device memory that all share. Every object tracks as many frames as the others; `Time` is the clock's mean, shared
+// out among the frames of all. Counters:
+//   frames_per_second   frames of all objects over the time until the slowest of them was through
+//   first_device_MiB    memory that the first object took, with the engine and what the libraries keep for themselves
+//   further_device_MiB  memory that each further object took
+// Memory is what the device lacks afterwards, whoever took it: nothing else may use a GPU meanwhile.
 
 #include <benchmark/benchmark.h>
 #include <cuda_runtime.h>
@@ -33,9 +37,10 @@ constexpr auto kLongestStart = std::chrono::seconds(120);
 
 std::string model_path;
 
+// At once: objects may live whose trainings still run, so nothing is torn down.
 [[noreturn]] void end(const std::string& why) {
   std::fprintf(stderr, "bench_channels: %s\n", why.c_str());
-  std::exit(2);
+  std::_Exit(2);
 }
 
 PicturePtr picture() {
@@ -58,13 +63,15 @@ class Channel {
     if (!ok) end("init was refused");
     wait_until_ready();
     for (int i = 0; i < kFramesBefore; ++i) track();
-    if (property("runtime_status") != "track_ok") end("no target: " + algo_.property(""));
+    if (!has_target()) end("no target: " + algo_.property(""));
   }
 
   void track() {
     bool ok = false;
     benchmark::DoNotOptimize(algo_.update({picture()}, &ok));
   }
+
+  bool has_target() { return property("runtime_status") == "track_ok"; }
 
  private:
   std::string property(const char* name) {
@@ -117,10 +124,15 @@ void start_channels(const benchmark::State& state) {
 
 void BM_Channels(benchmark::State& state) {
   Channel& channel = *channels().all[static_cast<std::size_t>(state.thread_index())];
+  const auto begin = std::chrono::steady_clock::now();
   for (auto _ : state) channel.track();
-  state.counters["frames_per_second"] =
-      benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+  // The threads begin the loop together, and none leaves it before the last has come to its end.
+  const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begin;
+  if (!channel.has_target())
+    state.SkipWithError("the target was lost: other work than tracking was measured");
   if (state.thread_index() != 0) return;  // counters of the threads are added up
+  const auto frames = static_cast<double>(state.iterations()) * state.threads();
+  state.counters["frames_per_second"] = frames / seconds.count();
   state.counters["first_device_MiB"] = channels().first_mib();
   const auto objects = static_cast<std::size_t>(state.threads());
   if (objects > 1) state.counters["further_device_MiB"] = channels().further_mib(objects);
