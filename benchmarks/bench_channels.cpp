@@ -6,7 +6,7 @@
 // out among the frames of all. Counters:
 //   frames_per_second   frames of all objects over the time until the slowest of them was through
 //   first_device_MiB    memory that the first object took, with the engine and what the libraries keep for themselves
-//   further_device_MiB  memory that each further object took
+//   further_device_MiB  memory that each further object took, with what frames at the same time need
 // Memory is what the device lacks afterwards, whoever took it: nothing else may use a GPU meanwhile.
 
 #include <benchmark/benchmark.h>
@@ -92,21 +92,23 @@ class Channel {
 // The objects of every run so far; a larger run adds to them.
 struct Channels {
   std::vector<std::unique_ptr<Channel>> all;
-  std::vector<std::int64_t> memory_bytes;  // in use before the first, and after each
+  std::int64_t before_bytes = 0;  // in use with the picture alone
+  std::int64_t first_bytes = 0;   // and with the first object
 
   void have(std::size_t count) {
-    if (memory_bytes.empty()) {
+    if (all.empty()) {
       picture();  // the device is up and the picture is there
-      memory_bytes.push_back(ostrel_test::device_memory_in_use_bytes());
-    }
-    while (all.size() < count) {
+      before_bytes = ostrel_test::device_memory_in_use_bytes();
       all.push_back(std::make_unique<Channel>());
-      memory_bytes.push_back(ostrel_test::device_memory_in_use_bytes());
+      first_bytes = ostrel_test::device_memory_in_use_bytes();
     }
+    while (all.size() < count) all.push_back(std::make_unique<Channel>());
   }
-  double first_mib() const { return mib(memory_bytes.at(1) - memory_bytes.at(0)); }
-  double further_mib(std::size_t count) const {
-    return mib(memory_bytes.at(count) - memory_bytes.at(1)) / static_cast<double>(count - 1);
+  double first_mib() const { return mib(first_bytes - before_bytes); }
+  // After a run, since the picture library makes buffers for as many frames as are under way at once.
+  double further_mib() const {
+    const std::int64_t bytes = ostrel_test::device_memory_in_use_bytes() - first_bytes;
+    return mib(bytes) / static_cast<double>(all.size() - 1);
   }
 
  private:
@@ -134,8 +136,7 @@ void BM_Channels(benchmark::State& state) {
   const auto frames = static_cast<double>(state.iterations()) * state.threads();
   state.counters["frames_per_second"] = frames / seconds.count();
   state.counters["first_device_MiB"] = channels().first_mib();
-  const auto objects = static_cast<std::size_t>(state.threads());
-  if (objects > 1) state.counters["further_device_MiB"] = channels().further_mib(objects);
+  if (channels().all.size() > 1) state.counters["further_device_MiB"] = channels().further_mib();
 }
 
 BENCHMARK(BM_Channels)
