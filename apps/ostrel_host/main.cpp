@@ -63,7 +63,7 @@ CLI::App* declare_demo(CLI::App* app, Commands* commands) {
   demo->add_option("--engine", options.engine, "The backbone");
   demo->add_option("--config", options.config_file, "A JSON file for the plug-in's setConfig");
   demo->add_option("--set", options.settings, "One setting of it: path=value, may be repeated")->take_all();
-  demo->add_option("--seed", options.seed, "Seed of the world and of the camera's noise (default 1)");
+  demo->add_option("--seed", options.seed, "Seed of the world and of the camera's noise (default 2)");
   demo->add_option("--size", commands->size, "Size of the pictures as WxH (default 960x540)");
   demo->add_option("--seconds", options.seconds, "End the story after so many seconds")
       ->check(CLI::Range(0.04, 3600.0));
