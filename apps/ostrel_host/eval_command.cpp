@@ -100,6 +100,7 @@ ordered_json json_list(const Items& items, const ToJson& to_json) {
 template <typename Items>
 std::vector<std::string> names_of(const Items& items) {
   std::vector<std::string> names;
+  names.reserve(items.size());
   for (const auto& item : items) names.push_back(item.name);
   return names;
 }
@@ -210,7 +211,7 @@ class Evaluation {
   void print_notes() const {
     std::printf("AUC, P@20 and IoU > 0.5 judge the boxes that a user gets, own AUC the tracker's own.\n");
     if (options_.runs > 1) std::printf("\u00b1 is the sample standard deviation over the runs.\n");
-    if (trackers_.size() > 0 && !trackers_.back().is_plugin()) {
+    if (!trackers_.empty() && !trackers_.back().is_plugin()) {
       std::printf("OpenCV %s with %d threads; the peers' random numbers start from the number of the run.\n",
                   CV_VERSION, cv::getNumThreads());
     }

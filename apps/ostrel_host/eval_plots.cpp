@@ -62,10 +62,14 @@ std::string script_of(const PlotText& text, const std::vector<EvalCurves>& curve
       "set border 3 linecolor rgb '#606060'\nset key " +
       text.key + " reverse Left samplen 3\nplot ";
   for (std::size_t i = 0; i < curves.size(); ++i) {
-    const std::string number = std::to_string(i + 1);
-    script += (i > 0 ? ", \\\n     '' using 1:" : "'" + stem + ".tsv' using 1:") + std::to_string(i + 2) +
-              " with lines linewidth 2 linetype " + number + " dashtype " + std::to_string(i / 8 + 1) +
-              " title " + legend_of(curves[i], value);
+    script += i > 0 ? ", \\\n     '' using 1:" : "'" + stem + ".tsv' using 1:";
+    script.append(std::to_string(i + 2))
+        .append(" with lines linewidth 2 linetype ")
+        .append(std::to_string(i + 1));
+    script.append(" dashtype ")
+        .append(std::to_string(i / 8 + 1))
+        .append(" title ")
+        .append(legend_of(curves[i], value));
   }
   return script + "\n";
 }
@@ -94,7 +98,7 @@ std::string draw_eval_plots(const std::filesystem::path& folder, const std::vect
   if (curves.empty()) return "no results";
   const PlotText success{"success", "Success [AUC]", "overlap threshold", "bottom left"};
   const PlotText distance{"precision", "Precision [at 20 px]", "distance of the centres, px", "bottom right"};
-  const std::string problem =
+  std::string problem =
       draw(folder, success, success_table(curves), script_of(success, best_first(curves, area), area));
   if (!problem.empty()) return problem;
   return draw(folder, distance, precision_table(curves),

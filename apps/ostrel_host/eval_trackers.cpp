@@ -31,7 +31,7 @@ void require_name(const std::string& name, const std::string& text) {
 Named parse_variant(const std::string& text) {
   const std::size_t equals = text.find('=');
   if (equals == std::string::npos) throw BadInput("'" + text + "' is no variant: NAME=FILE is needed");
-  const Named variant{text.substr(0, equals), text.substr(equals + 1)};
+  Named variant{text.substr(0, equals), text.substr(equals + 1)};
   require_name(variant.name, text);
   return variant;
 }
@@ -45,7 +45,7 @@ Named parse_engine(const std::string& text) {
     }
     return {name, text};
   }
-  const Named engine{text.substr(0, equals), text.substr(equals + 1)};
+  Named engine{text.substr(0, equals), text.substr(equals + 1)};
   require_name(engine.name, text);
   return engine;
 }

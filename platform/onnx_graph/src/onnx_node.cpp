@@ -41,7 +41,7 @@ class Attributes {
   Sizes list(const std::string& name, const Sizes& fallback, std::int64_t smallest) const {
     const auto* attribute = find(name, onnx::AttributeProto::INTS);
     if (attribute == nullptr) return fallback;
-    const Sizes values(attribute->ints().begin(), attribute->ints().end());
+    Sizes values(attribute->ints().begin(), attribute->ints().end());
     if (values.size() != fallback.size()) refuse(proto_, "attribute " + name + " is not for two dimensions");
     for (const std::int64_t value : values) {
       if (value < smallest || value > kLargestWindowValue)
