@@ -7,13 +7,16 @@
 #include <array>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <string>
+
+#include "support/temporary_folder.h"
 
 namespace ostrel::backbone {
 namespace {
 
+using ostrel_test::content_of;
+using ostrel_test::TemporaryFolder;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
@@ -33,20 +36,16 @@ Ended run_program(const std::string& arguments) {
   return ended;
 }
 
-std::string contents(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
 TEST(BackboneProgram, WritesTheTrunkOfItsOptions) {
-  const std::string path = ::testing::TempDir() + "program.onnx";
+  const TemporaryFolder folder;
+  const std::string path = folder.path("program.onnx");
   TrunkOptions options;
   options.tiny = true;
   options.seed = 12;
   const Ended plain = run_program("random --seed 12 --tiny --out " + path);
   EXPECT_EQ(plain.code, 0) << plain.output;
   EXPECT_EQ(plain.output, "");
-  EXPECT_EQ(contents(path), trunk_bytes(options));
+  EXPECT_EQ(content_of(path), trunk_bytes(options));
   options.batch = 4;
   options.input_size = 64;
   options.outputs = TrunkOutputs::kLayer2;
@@ -55,7 +54,7 @@ TEST(BackboneProgram, WritesTheTrunkOfItsOptions) {
       "random --seed 12 --tiny --batch 4 --input-size 64 --outputs layer2 --precision bfloat16 --out " +
       path);
   EXPECT_EQ(all.code, 0) << all.output;
-  EXPECT_EQ(contents(path), trunk_bytes(options));
+  EXPECT_EQ(content_of(path), trunk_bytes(options));
 }
 
 TEST(BackboneProgram, EndsBadInputWithOneLineAndCodeTwo) {
@@ -64,8 +63,9 @@ TEST(BackboneProgram, EndsBadInputWithOneLineAndCodeTwo) {
     std::string arguments;
     const char* text;
   };
-  const std::string out = " --out " + ::testing::TempDir() + "bad.onnx";
-  const std::string source = ::testing::TempDir() + "bad_source.onnx";
+  const TemporaryFolder folder;
+  const std::string out = " --out " + folder.path("bad.onnx");
+  const std::string source = folder.path("source.onnx");
   ASSERT_EQ(run_program("random --seed 1 --out " + source).code, 0);
   const Case cases[] = {
       {"no command", "", "subcommand"},
@@ -118,8 +118,9 @@ TEST(BackboneProgram, EndsBadInputWithOneLineAndCodeTwo) {
 
 // The trunk of a random network serves as a source: its weights come back as they were.
 TEST(BackboneProgram, ImportsWhatItWrote) {
-  const std::string source = ::testing::TempDir() + "import_source.onnx";
-  const std::string target = ::testing::TempDir() + "import_target.onnx";
+  const TemporaryFolder folder;
+  const std::string source = folder.path("source.onnx");
+  const std::string target = folder.path("target.onnx");
   ASSERT_EQ(run_program("random --seed 3 --out " + source).code, 0);
   const Ended ended = run_program("import --onnx " + source + " --stride 16 --out " + target);
   EXPECT_EQ(ended.code, 0) << ended.output;
@@ -127,15 +128,16 @@ TEST(BackboneProgram, ImportsWhatItWrote) {
   TrunkOptions options;
   options.seed = 3;
   options.outputs = TrunkOutputs::kLayer3;
-  EXPECT_EQ(contents(target), trunk_bytes(options));
+  EXPECT_EQ(content_of(target), trunk_bytes(options));
   const Ended told = run_program("inspect " + target);
   EXPECT_EQ(told.code, 0) << told.output;
   EXPECT_THAT(told.output, HasSubstr("verdict      the tracker takes it: features from \"layer3\""));
 }
 
 TEST(BackboneProgram, TellsOfTheNeckThatItMade) {
-  const std::string source = ::testing::TempDir() + "neck_source.onnx";
-  const std::string target = ::testing::TempDir() + "neck_target.onnx";
+  const TemporaryFolder folder;
+  const std::string source = folder.path("source.onnx");
+  const std::string target = folder.path("target.onnx");
   ASSERT_EQ(run_program("random --seed 3 --out " + source).code, 0);
   const Ended ended =
       run_program("import --onnx " + source + " --feature joined --neck 8 --crops 24 --input-size 64" +
@@ -152,12 +154,11 @@ TEST(BackboneProgram, TellsOfTheNeckThatItMade) {
 }
 
 TEST(BackboneProgram, LeavesNothingBehindWhenItFails) {
-  const std::string folder = ::testing::TempDir() + "left_behind";
-  std::filesystem::remove_all(folder);
-  std::filesystem::create_directories(folder + "/taken.onnx");  // a folder where the file should go
-  EXPECT_EQ(run_program("random --seed 1 --tiny --out " + folder + "/taken.onnx").code, 2);
-  EXPECT_EQ(run_program("import --onnx " OSTREL_BACKBONE_PROGRAM " --out " + folder + "/x.onnx").code, 2);
-  const auto entries = std::filesystem::directory_iterator(folder);
+  const TemporaryFolder folder;
+  std::filesystem::create_directory(folder.path("taken.onnx"));  // a folder where the file should go
+  EXPECT_EQ(run_program("random --seed 1 --tiny --out " + folder.path("taken.onnx")).code, 2);
+  EXPECT_EQ(run_program("import --onnx " OSTREL_BACKBONE_PROGRAM " --out " + folder.path("x.onnx")).code, 2);
+  const auto entries = std::filesystem::directory_iterator(folder.path());
   EXPECT_EQ(std::distance(begin(entries), end(entries)), 1);
 }
 

@@ -11,6 +11,7 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include "platform/tensorrt_onednn/engine_fixture.h"
+#include "support/temporary_folder.h"
 
 namespace ostrel::testing {
 namespace {
@@ -311,18 +312,18 @@ TEST(Crops, OfScenesAreTheSameEachTimeAndDifferFromEachOther) {
   }
 }
 
-// A folder tree with two pictures, one red and one blue, and a file that is none.
-std::string picture_folder() {
-  const std::string folder = ::testing::TempDir() + "crops_test";
-  std::filesystem::remove_all(folder);
-  std::filesystem::create_directories(folder + "/b");
-  cv::imwrite(folder + "/a.png", cv::Mat(60, 90, CV_8UC3, cv::Scalar(0, 0, 200)));
-  cv::imwrite(folder + "/b/c.PNG", cv::Mat(90, 60, CV_8UC3, cv::Scalar(200, 0, 0)));
-  return folder;
-}
+// A folder tree with two pictures, one red and one blue.
+struct PictureFolder : ostrel_test::TemporaryFolder {
+  PictureFolder() {
+    std::filesystem::create_directory(path("b"));
+    cv::imwrite(path("a.png"), cv::Mat(60, 90, CV_8UC3, cv::Scalar(0, 0, 200)));
+    cv::imwrite(path("b/c.PNG"), cv::Mat(90, 60, CV_8UC3, cv::Scalar(200, 0, 0)));
+  }
+};
 
 TEST(Crops, OfAFolderComeEvenlyFromItsPictures) {
-  const auto found = backbone::crops_of_folder(picture_folder(), 4, 32);
+  const PictureFolder pictures;
+  const auto found = backbone::crops_of_folder(pictures.path().string(), 4, 32);
   ASSERT_EQ(found.size(), 4U);
   EXPECT_EQ(found[0].at<cv::Vec3b>(5, 5), cv::Vec3b(0, 0, 200));
   EXPECT_EQ(found[1].at<cv::Vec3b>(5, 5), cv::Vec3b(0, 0, 200));
@@ -340,7 +341,8 @@ std::string crops_refusal(const std::string& folder) {
 }
 
 TEST(Crops, OfAFolderWithoutPicturesAreRefused) {
-  const std::string folder = picture_folder();
+  const PictureFolder pictures;
+  const std::string folder = pictures.path().string();
   EXPECT_EQ(crops_refusal(folder + "/none"),
             "cannot read the folder " + folder + "/none: No such file or directory");
   std::ofstream(folder + "/a.png") << "no picture";

@@ -3,10 +3,9 @@
 
 #include <algorithm>
 #include <cmath>
-#include <fstream>
-#include <iterator>
 
 #include "platform/tensorrt_onednn/engine_fixture.h"
+#include "support/temporary_folder.h"
 
 namespace ostrel::backbone {
 namespace {
@@ -155,15 +154,15 @@ TEST(TrunkModel, IsRefusedWithAReason) {
       {with([](TrunkOptions* o) { o->input_size = -192; }), "input size -192 is outside 16 to 1024"},
       {with([](TrunkOptions* o) { o->batch = -1; }), "batch -1 is negative"},
   };
+  const ostrel_test::TemporaryFolder folder;
   for (const RefusedOptions& test : cases) {
     std::string error;
     EXPECT_EQ(trunk_bytes(test.options, &error), "");
     EXPECT_EQ(error, test.text);
     error.clear();
-    EXPECT_FALSE(write_trunk(test.options, ::testing::TempDir() + "refused.onnx", &error));
+    EXPECT_FALSE(write_trunk(test.options, folder.path("refused.onnx"), &error));
     EXPECT_EQ(error, test.text);
-    EXPECT_FALSE(
-        write_trunk(test.options, ::testing::TempDir() + "refused.onnx"));  // a caller without a text
+    EXPECT_FALSE(write_trunk(test.options, folder.path("refused.onnx")));  // a caller without a text
   }
 }
 
@@ -176,11 +175,11 @@ TEST(TrunkModel, TakesASizeWhoseOddMapIsNoOutput) {
 }
 
 TEST(TrunkModel, IsWrittenWhole) {
-  const std::string path = ::testing::TempDir() + "tiny_trunk.onnx";
+  const ostrel_test::TemporaryFolder folder;
+  const std::string path = folder.path("tiny_trunk.onnx");
   std::string error;
   ASSERT_TRUE(write_trunk(tiny(2), path, &error)) << error;
-  std::ifstream file(path, std::ios::binary);
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), trunk_bytes(tiny(2)));
+  EXPECT_EQ(ostrel_test::content_of(path), trunk_bytes(tiny(2)));
   EXPECT_FALSE(write_trunk(tiny(2), "/nowhere/at/all.onnx", &error));
   EXPECT_EQ(error, "cannot write /nowhere/at/all.onnx: No such file or directory");
 }
