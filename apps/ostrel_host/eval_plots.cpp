@@ -51,6 +51,13 @@ std::string legend_of(const EvalCurves& curves, Value value) {
   return plot_literal(curves.tracker + text);
 }
 
+// The part of the plot command that draws column i + 2 of the table; after eight colours the dashes change.
+std::string curve_of(std::size_t i, const std::string& stem, const std::string& legend) {
+  const std::string table = i == 0 ? "'" + stem + ".tsv'" : ", \\\n     ''";
+  return table + " using 1:" + std::to_string(i + 2) + " with lines linewidth 2 linetype " +
+         std::to_string(i + 1) + " dashtype " + std::to_string(i / 8 + 1) + " title " + legend;
+}
+
 std::string script_of(const PlotText& text, const std::vector<EvalCurves>& curves, Value value) {
   const std::string stem = text.stem;
   std::string script =
@@ -61,16 +68,7 @@ std::string script_of(const PlotText& text, const std::vector<EvalCurves>& curve
       "set grid linecolor rgb '#e4e4e4' linetype 1\nset tics nomirror out\n"
       "set border 3 linecolor rgb '#606060'\nset key " +
       text.key + " reverse Left samplen 3\nplot ";
-  for (std::size_t i = 0; i < curves.size(); ++i) {
-    script += i > 0 ? ", \\\n     '' using 1:" : "'" + stem + ".tsv' using 1:";
-    script.append(std::to_string(i + 2))
-        .append(" with lines linewidth 2 linetype ")
-        .append(std::to_string(i + 1));
-    script.append(" dashtype ")
-        .append(std::to_string(i / 8 + 1))
-        .append(" title ")
-        .append(legend_of(curves[i], value));
-  }
+  for (std::size_t i = 0; i < curves.size(); ++i) script += curve_of(i, stem, legend_of(curves[i], value));
   return script + "\n";
 }
 
